@@ -1,0 +1,36 @@
+#include "core/mesh_log.h"
+#include "core/mesh_msg.h"
+
+#include <cstring>
+
+#include "platform/seam_guard.h"
+
+namespace {
+[[maybe_unused]] uint32_t payloadU32(const MESH_CMD_MSG* msg) {
+    uint32_t v;
+    memcpy(&v, msg->payload, sizeof v);
+    return v;
+}
+[[maybe_unused]] uint16_t payloadU16(const MESH_CMD_MSG* msg) {
+    uint16_t v;
+    memcpy(&v, msg->payload, sizeof v);
+    return v;
+}
+} // namespace
+
+uint32_t mesh_cmd_handle(MESH_CMD_MSG* msg) {
+    if (msg == nullptr) {
+        return 1;
+    }
+    int32_t type;
+    memcpy(&type, &msg->type, sizeof type);
+    [[maybe_unused]] uint8_t* payload = msg->payload;
+    switch (type) {
+    // Each served type returns its handler's result here. A type whose handler does not
+    // exist in this build falls through to the unsupported answer below.
+    default:
+        break;
+    }
+    MESH_ERR("unsupported command type");
+    return 1;
+}

@@ -1,0 +1,53 @@
+// The command message: one fixed 1456-byte record per request and per reply.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr int MESH_CMD_MSG_LEN = 1456;
+constexpr int MESH_CMD_PAYLOAD_LEN = 1448;
+constexpr int MESH_CMD_SRV_ID = 21;      // the daemon's command server
+constexpr int MESH_CMD_SRV_BACKLOG = 5;
+constexpr int MESH_CMD_MSG_CODE = 16;    // message code of command traffic
+constexpr int MESH_CMD_WAIT_TIMEOUT = 10; // seconds per wait of the serving loop
+
+enum MESH_CMD_TYPE : int32_t {
+    MESH_CMD_INIT_MESH = 1,
+    MESH_CMD_UPDATE_AP = 2,
+    MESH_CMD_UPDATE_DIGEST = 3,
+    MESH_CMD_UPDATE_MESH = 4,
+    MESH_CMD_ADD_CHILD = 5,
+    MESH_CMD_DEL_CHILD = 6,
+    MESH_CMD_GET_ONLINE_CHILD = 7,
+    MESH_CMD_GET_CANDIDATE_CHILD = 8,
+    MESH_CMD_SCAN_CANDIDATE_AP = 9,
+    MESH_CMD_GET_SCAN_STATE = 10,
+    MESH_CMD_GET_SCAN_RESULT = 11,
+    MESH_CMD_SET_CONTROLLER_IP_PORT = 12,
+    MESH_CMD_GET_MESH_STATE = 13,
+    MESH_CMD_SET_CONTROLLER_ID = 14,
+    MESH_CMD_REQUEST_RESCAN = 15,
+    MESH_CMD_SET_SPECIAL = 16,
+    MESH_CMD_GET_STA_STATUS = 17,
+    MESH_CMD_SET_RESET_FLAG = 18,
+    MESH_CMD_SET_VLAN_ID = 19,
+    MESH_CMD_SET_BASIC_WLAN_CFG = 20,
+    MESH_CMD_SET_ADV_WLAN_CFG = 21,
+    MESH_CMD_SET_ORBP_CFG = 22,
+    // 23 has no command
+    MESH_CMD_SYNC_PARENT_WLAN_MODE = 24,
+};
+
+struct MESH_CMD_MSG {
+    int32_t type;
+    uint8_t reserved[4]; // not read or written; comes back as sent
+    uint8_t payload[MESH_CMD_PAYLOAD_LEN];
+};
+static_assert(sizeof(MESH_CMD_MSG) == MESH_CMD_MSG_LEN, "command message is 1456 bytes");
+static_assert(offsetof(MESH_CMD_MSG, type) == 0, "type at 0");
+static_assert(offsetof(MESH_CMD_MSG, reserved) == 4, "reserved at 4");
+static_assert(offsetof(MESH_CMD_MSG, payload) == 8, "payload at 8");
+
+// Dispatches one message to its handler; returns the handler's result, or 1 for a null
+// message or a type that is not served.
+uint32_t mesh_cmd_handle(MESH_CMD_MSG* msg);

@@ -1,0 +1,685 @@
+#include "fake_os.h"
+
+#include "platform/linux_os.h"
+#include "platform/wireless.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+void mkdirs(const std::string& path) {
+    for (size_t i = 1; i <= path.size(); ++i) {
+        if (i == path.size() || path[i] == '/') {
+            mkdir(path.substr(0, i).c_str(), 0755);
+        }
+    }
+}
+
+void removeTree(const std::string& path) {
+    if (path.size() < 8 || path.find("/zormesh-fake-") == std::string::npos) {
+        return; // never remove anything the fake did not create
+    }
+    std::string cmd = "rm -rf '" + path + "'";
+    if (std::system(cmd.c_str()) != 0) {
+        fprintf(stderr, "fake: could not remove %s\n", path.c_str());
+    }
+}
+
+bool isIfreqRequest(unsigned long request) {
+    return request == SIOCGIFFLAGS || request == SIOCGIFINDEX;
+}
+
+std::string hexReq(unsigned long request) {
+    char buf[16];
+    snprintf(buf, sizeof buf, "0x%04lX", request);
+    return buf;
+}
+
+std::string printable(const void* data, size_t len) {
+    std::string out;
+    const auto* p = static_cast<const uint8_t*>(data);
+    for (size_t i = 0; i < len; ++i) {
+        if (p[i] >= 0x20 && p[i] < 0x7f && p[i] != '\\') {
+            out += static_cast<char>(p[i]);
+        } else {
+            char b[8];
+            snprintf(b, sizeof b, "\\x%02x", p[i]);
+            out += b;
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+Bytes hexBytes(const std::string& hex) {
+    Bytes out;
+    int hi = -1;
+    for (char c : hex) {
+        int v;
+        if (c >= '0' && c <= '9') {
+            v = c - '0';
+        } else if (c >= 'a' && c <= 'f') {
+            v = c - 'a' + 10;
+        } else if (c >= 'A' && c <= 'F') {
+            v = c - 'A' + 10;
+        } else {
+            continue;
+        }
+        if (hi < 0) {
+            hi = v;
+        } else {
+            out.push_back(static_cast<uint8_t>(hi << 4 | v));
+            hi = -1;
+        }
+    }
+    return out;
+}
+
+std::string toHex(const void* data, size_t len) {
+    static const char* digits = "0123456789abcdef";
+    std::string out;
+    const auto* p = static_cast<const uint8_t*>(data);
+    for (size_t i = 0; i < len; ++i) {
+        out += digits[p[i] >> 4];
+        out += digits[p[i] & 15];
+    }
+    return out;
+}
+
+FakeOs::FakeOs() : device_(defaultDeviceConfig()) {
+    char tmpl[] = "/tmp/zormesh-fake-XXXXXX";
+    const char* dir = mkdtemp(tmpl);
+    if (dir == nullptr) {
+        perror("mkdtemp");
+        abort();
+    }
+    root_ = dir;
+    mkdirs(root_ + "/tmp/wireless");
+    mkdirs(root_ + "/var/run");
+    // A semaphore key of our own, so that tests never touch the device's profile lock.
+    static int instance = 0;
+    semKey_ = 0x5A000000u | (static_cast<uint32_t>(getpid() & 0xFFFF) << 8) |
+              static_cast<uint32_t>(++instance & 0xFF);
+}
+
+FakeOs::~FakeOs() {
+    for (int id : semIds_) {
+        semctl(id, 0, IPC_RMID);
+    }
+    removeTree(root_);
+}
+
+// ---- scripting ------------------------------------------------------------------------------
+
+void FakeOs::runForReal(const std::string& prefix) {
+    std::lock_guard<std::mutex> g(mu_);
+    realPrefixes_.push_back(prefix);
+}
+
+void FakeOs::onShell(const std::string& prefix, std::function<int(const std::string&)> fn) {
+    std::lock_guard<std::mutex> g(mu_);
+    shellHandlers_.emplace_back(prefix, std::move(fn));
+}
+
+void FakeOs::onIoctl(unsigned long request, std::function<int(Ioctl&)> fn) {
+    std::lock_guard<std::mutex> g(mu_);
+    ioctlHandlers_[request] = std::move(fn);
+}
+
+void FakeOs::setProc(const std::string& path, const std::string& content) {
+    std::lock_guard<std::mutex> g(mu_);
+    proc_[path] = content;
+}
+
+void FakeOs::removeProc(const std::string& path) {
+    std::lock_guard<std::mutex> g(mu_);
+    proc_.erase(path);
+}
+
+void FakeOs::queueRandom(const Bytes& bytes) {
+    std::lock_guard<std::mutex> g(mu_);
+    random_.insert(random_.end(), bytes.begin(), bytes.end());
+}
+
+void FakeOs::setIfIndex(const std::string& ifName, int index) {
+    std::lock_guard<std::mutex> g(mu_);
+    ifIndex_[ifName] = index;
+}
+
+void FakeOs::onPacketSend(std::function<void(const Packet&)> fn) {
+    std::lock_guard<std::mutex> g(mu_);
+    packetHook_ = std::move(fn);
+}
+
+void FakeOs::queuePacket(const Bytes& frame) {
+    std::lock_guard<std::mutex> g(mu_);
+    rxPackets_.push_back(frame);
+}
+
+void FakeOs::queueNetlink(const Bytes& message) {
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        rxNetlink_.push_back(message);
+    }
+    netlinkCv_.notify_all();
+}
+
+void FakeOs::shutdownNetlink() {
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        netlinkDown_ = true;
+    }
+    netlinkCv_.notify_all();
+}
+
+int FakeOs::failNth(Op op, const std::string& match, int nth, int err) {
+    std::lock_guard<std::mutex> g(mu_);
+    failRules_.push_back(FailRule{op, match, nth, err, 0, false});
+    return static_cast<int>(failRules_.size()) - 1;
+}
+
+bool FakeOs::fired(int handle) const {
+    std::lock_guard<std::mutex> g(mu_);
+    return handle >= 0 && handle < static_cast<int>(failRules_.size()) &&
+           failRules_[static_cast<size_t>(handle)].fired;
+}
+
+int FakeOs::checkFail(Op op, const std::string& key) {
+    for (FailRule& r : failRules_) {
+        if (r.op != op || r.fired || key.find(r.match) == std::string::npos) {
+            continue;
+        }
+        if (++r.seen == r.nth) {
+            r.fired = true;
+            return r.err;
+        }
+    }
+    return 0;
+}
+
+void FakeOs::record(const std::string& line) { transcript_.push_back(line); }
+
+// ---- clock ----------------------------------------------------------------------------------
+
+void FakeOs::advanceMillis(uint64_t ms) {
+    std::lock_guard<std::mutex> g(mu_);
+    clockMs_ += ms;
+}
+
+uint64_t FakeOs::nowMillis() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return clockMs_;
+}
+
+// ---- records --------------------------------------------------------------------------------
+
+std::vector<std::string> FakeOs::transcript() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return transcript_;
+}
+
+std::vector<std::string> FakeOs::shellLines() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return shell_;
+}
+
+std::vector<FakeOs::IoctlRecord> FakeOs::ioctls() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return ioctls_;
+}
+
+std::vector<FakeOs::IoctlRecord> FakeOs::ioctls(unsigned long request) const {
+    std::lock_guard<std::mutex> g(mu_);
+    std::vector<IoctlRecord> out;
+    for (const auto& r : ioctls_) {
+        if (r.request == request) {
+            out.push_back(r);
+        }
+    }
+    return out;
+}
+
+std::vector<FakeOs::ProcWrite> FakeOs::procWrites() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return procWrites_;
+}
+
+std::vector<std::string> FakeOs::procReads() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return procReads_;
+}
+
+std::vector<FakeOs::Packet> FakeOs::packetsSent() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return packets_;
+}
+
+std::vector<Bytes> FakeOs::netlinkSent() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return netlinkSent_;
+}
+
+void FakeOs::clearRecords() {
+    std::lock_guard<std::mutex> g(mu_);
+    transcript_.clear();
+    shell_.clear();
+    ioctls_.clear();
+    procWrites_.clear();
+    procReads_.clear();
+    packets_.clear();
+    netlinkSent_.clear();
+    stdout_.clear();
+    stderr_.clear();
+}
+
+std::string FakeOs::takeStdout() {
+    std::lock_guard<std::mutex> g(mu_);
+    std::string out;
+    out.swap(stdout_);
+    return out;
+}
+
+std::string FakeOs::stdoutText() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return stdout_;
+}
+
+std::string FakeOs::stderrText() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return stderr_;
+}
+
+std::string FakeOs::rooted(const std::string& fixed) { return root_ + fixed; }
+
+std::string FakeOs::readFile(const std::string& fixed) {
+    std::ifstream in(rooted(fixed), std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void FakeOs::writeFile(const std::string& fixed, const std::string& content) {
+    std::string p = rooted(fixed);
+    mkdirs(p.substr(0, p.rfind('/')));
+    std::ofstream out(p, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+// ---- Os: shell and files ----------------------------------------------------------------------
+
+int FakeOs::runShell(const char* line) {
+    if (line == nullptr) {
+        return 1;
+    }
+    std::string l(line);
+    bool real = false;
+    std::function<int(const std::string&)> handler;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        shell_.push_back(l);
+        record("shell " + l);
+        if (int err = checkFail(Op::Shell, l)) {
+            return err == -1 ? 1 : err;
+        }
+        for (const auto& p : realPrefixes_) {
+            real = real || l.compare(0, p.size(), p) == 0;
+        }
+        for (const auto& h : shellHandlers_) {
+            if (l.compare(0, h.first.size(), h.first) == 0) {
+                handler = h.second;
+            }
+        }
+    }
+    if (handler) {
+        return handler(l);
+    }
+    if (real) {
+        char* const emptyEnv[] = {nullptr};
+        return linux_impl::runShell(line, emptyEnv);
+    }
+    return 0;
+}
+
+const char* FakeOs::path(const char* fixed, char* out, size_t cap) {
+    return linux_impl::joinPath(root_.c_str(), fixed, out, cap);
+}
+
+int FakeOs::readProc(const char* path, void* buf, size_t max) {
+    std::lock_guard<std::mutex> g(mu_);
+    procReads_.push_back(path);
+    record(std::string("proc-read ") + path);
+    if (int err = checkFail(Op::ProcRead, path)) {
+        errno = err;
+        return -1;
+    }
+    auto it = proc_.find(path);
+    if (it == proc_.end()) {
+        errno = ENOENT;
+        return -1;
+    }
+    size_t n = std::min(max, it->second.size());
+    memcpy(buf, it->second.data(), n);
+    return static_cast<int>(n);
+}
+
+int FakeOs::writeProc(const char* path, const void* buf, size_t len) {
+    std::lock_guard<std::mutex> g(mu_);
+    const auto* p = static_cast<const uint8_t*>(buf);
+    procWrites_.push_back(ProcWrite{path, Bytes(p, p + len)});
+    record(std::string("proc-write ") + path + " " + printable(buf, len));
+    if (int err = checkFail(Op::ProcWrite, path)) {
+        errno = err;
+        return err == ENOENT ? -1 : -2;
+    }
+    return 0;
+}
+
+int FakeOs::readRandom(void* buf, size_t len) {
+    std::lock_guard<std::mutex> g(mu_);
+    record("random " + std::to_string(len));
+    if (int err = checkFail(Op::Random, "")) {
+        errno = err;
+        return -1;
+    }
+    auto* p = static_cast<uint8_t*>(buf);
+    for (size_t i = 0; i < len; ++i) {
+        if (!random_.empty()) {
+            p[i] = random_.front();
+            random_.pop_front();
+        } else {
+            p[i] = randomCounter_++;
+        }
+    }
+    return static_cast<int>(len);
+}
+
+// ---- Os: wireless ioctls -------------------------------------------------------------------
+
+int FakeOs::wlanSocket() {
+    std::lock_guard<std::mutex> g(mu_);
+    record("wlan-socket");
+    if (int err = checkFail(Op::WlanSocket, "")) {
+        errno = err;
+        return -1;
+    }
+    int fd = nextFd_++;
+    fds_[fd] = Op::WlanSocket;
+    return fd;
+}
+
+int FakeOs::wlanIoctl(int fd, unsigned long request, void* arg) {
+    Ioctl call{request, "", 0, 0, nullptr};
+    auto* ifr = static_cast<ifreq*>(arg);
+    auto* iwr = static_cast<iwreq*>(arg);
+    if (isIfreqRequest(request)) {
+        call.ifName.assign(ifr->ifr_name, strnlen(ifr->ifr_name, IFNAMSIZ));
+    } else {
+        call.ifName.assign(iwr->ifr_name, strnlen(iwr->ifr_name, IFNAMSIZ));
+        call.flags = iwr->u.data.flags;
+        call.length = iwr->u.data.length;
+        call.data = static_cast<uint8_t*>(iwr->u.data.pointer);
+    }
+    std::function<int(Ioctl&)> handler;
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        IoctlRecord rec{request, call.ifName, call.flags, call.length, {}};
+        if (call.data != nullptr) {
+            rec.payload.assign(call.data, call.data + call.length);
+        }
+        ioctls_.push_back(rec);
+        record("ioctl " + hexReq(request) + " " + call.ifName + " flags=" +
+               std::to_string(call.flags) + " len=" + std::to_string(call.length) + " " +
+               toHex(rec.payload.data(), rec.payload.size()));
+        if (fds_.find(fd) == fds_.end()) {
+            errno = EBADF;
+            return -1;
+        }
+        if (int err = checkFail(Op::Ioctl, hexReq(request) + " " + call.ifName)) {
+            errno = err;
+            return -1;
+        }
+        auto it = ioctlHandlers_.find(request);
+        if (it != ioctlHandlers_.end()) {
+            handler = it->second;
+        }
+    }
+    if (!handler) {
+        if (request == SIOCGIFINDEX) {
+            ifr->ifr_ifindex = 1;
+        }
+        return 0;
+    }
+    int err = handler(call);
+    if (err != 0) {
+        errno = err;
+        return -1;
+    }
+    if (!isIfreqRequest(request)) {
+        iwr->u.data.length = call.length;
+    }
+    return 0;
+}
+
+// ---- Os: netlink ------------------------------------------------------------------------------
+
+int FakeOs::netlinkOpen(int protocol) {
+    std::lock_guard<std::mutex> g(mu_);
+    record("netlink-open " + std::to_string(protocol));
+    if (int err = checkFail(Op::NetlinkOpen, "")) {
+        errno = err;
+        return -1;
+    }
+    int fd = nextFd_++;
+    fds_[fd] = Op::NetlinkOpen;
+    return fd;
+}
+
+int FakeOs::netlinkBind(int fd, uint32_t portId) {
+    std::lock_guard<std::mutex> g(mu_);
+    record("netlink-bind " + std::to_string(fd) + " " + std::to_string(portId));
+    if (int err = checkFail(Op::NetlinkBind, "")) {
+        errno = err;
+        return -1;
+    }
+    return 0;
+}
+
+int FakeOs::netlinkSend(int /*fd*/, const void* buf, size_t len) {
+    std::lock_guard<std::mutex> g(mu_);
+    const auto* p = static_cast<const uint8_t*>(buf);
+    netlinkSent_.emplace_back(p, p + len);
+    record("netlink-send " + toHex(buf, len));
+    if (int err = checkFail(Op::NetlinkSend, "")) {
+        errno = err;
+        return -1;
+    }
+    return static_cast<int>(len);
+}
+
+int FakeOs::netlinkRecv(int /*fd*/, void* buf, size_t max) {
+    std::unique_lock<std::mutex> g(mu_);
+    netlinkCv_.wait(g, [this] { return netlinkDown_ || !rxNetlink_.empty(); });
+    if (int err = checkFail(Op::NetlinkRecv, "")) {
+        errno = err;
+        return -1;
+    }
+    if (rxNetlink_.empty()) {
+        errno = EBADF;
+        return -1;
+    }
+    Bytes m = rxNetlink_.front();
+    rxNetlink_.pop_front();
+    size_t n = std::min(max, m.size());
+    memcpy(buf, m.data(), n);
+    record("netlink-recv " + toHex(m.data(), n));
+    return static_cast<int>(n);
+}
+
+// ---- Os: packet sockets -----------------------------------------------------------------------
+
+int FakeOs::packetOpen(uint16_t etherType) {
+    std::lock_guard<std::mutex> g(mu_);
+    char b[32];
+    snprintf(b, sizeof b, "packet-open 0x%04x", etherType);
+    record(b);
+    if (int err = checkFail(Op::PacketOpen, "")) {
+        errno = err;
+        return -1;
+    }
+    int fd = nextFd_++;
+    fds_[fd] = Op::PacketOpen;
+    return fd;
+}
+
+int FakeOs::packetIfIndex(int /*fd*/, const char* ifName) {
+    std::lock_guard<std::mutex> g(mu_);
+    record(std::string("packet-ifindex ") + ifName);
+    if (int err = checkFail(Op::PacketIfIndex, ifName)) {
+        errno = err;
+        return -1;
+    }
+    auto it = ifIndex_.find(ifName);
+    if (it == ifIndex_.end()) {
+        errno = ENODEV;
+        return -1;
+    }
+    return it->second;
+}
+
+int FakeOs::packetSend(int /*fd*/, int ifIndex, const void* frame, size_t len) {
+    std::function<void(const Packet&)> hook;
+    Packet pkt{ifIndex, Bytes(static_cast<const uint8_t*>(frame),
+                              static_cast<const uint8_t*>(frame) + len)};
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        packets_.push_back(pkt);
+        record("packet-send " + std::to_string(ifIndex) + " " + toHex(frame, len));
+        if (int err = checkFail(Op::PacketSend, "")) {
+            errno = err;
+            return -1;
+        }
+        hook = packetHook_;
+    }
+    if (hook) {
+        hook(pkt);
+    }
+    return static_cast<int>(len);
+}
+
+int FakeOs::packetWait(int /*fd*/, int timeoutMs) {
+    std::lock_guard<std::mutex> g(mu_);
+    if (int err = checkFail(Op::PacketWait, "")) {
+        errno = err;
+        return -1;
+    }
+    if (!rxPackets_.empty()) {
+        return 1;
+    }
+    clockMs_ += static_cast<uint64_t>(timeoutMs); // nothing arrives: the time-out passes
+    return 0;
+}
+
+int FakeOs::packetRecv(int /*fd*/, void* buf, size_t max) {
+    std::lock_guard<std::mutex> g(mu_);
+    if (int err = checkFail(Op::PacketRecv, "")) {
+        errno = err;
+        return -1;
+    }
+    if (rxPackets_.empty()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    Bytes f = rxPackets_.front();
+    rxPackets_.pop_front();
+    size_t n = std::min(max, f.size());
+    memcpy(buf, f.data(), n);
+    return static_cast<int>(n);
+}
+
+void FakeOs::closeFd(int fd) {
+    std::lock_guard<std::mutex> g(mu_);
+    fds_.erase(fd);
+}
+
+// ---- Os: semaphores (real System V, under the fake's own key) -----------------------------------
+
+uint32_t FakeOs::semKey() { return semKey_; }
+
+int FakeOs::semGet(uint32_t key, int nsems, int flags) {
+    std::lock_guard<std::mutex> g(mu_);
+    record("sem-get");
+    if (int err = checkFail(Op::SemGet, "")) {
+        errno = err;
+        return -1;
+    }
+    int id = semget(static_cast<key_t>(key), nsems, flags);
+    if (id >= 0 && key == semKey_) {
+        semIds_.push_back(id);
+    }
+    return id;
+}
+
+int FakeOs::semSetVal(int id, int num, int value) {
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        record("sem-setval " + std::to_string(value));
+        if (int err = checkFail(Op::SemSetVal, "")) {
+            errno = err;
+            return -1;
+        }
+    }
+    return semctl(id, num, SETVAL, value);
+}
+
+int FakeOs::semRemove(int id) { return semctl(id, 0, IPC_RMID); }
+
+int FakeOs::semOp(int id, struct sembuf* ops, size_t nops) {
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        record("sem-op " + std::to_string(nops > 0 ? ops[0].sem_op : 0));
+        if (int err = checkFail(Op::SemOp, "")) {
+            errno = err;
+            return -1;
+        }
+    }
+    return semop(id, ops, nops); // may block: outside the fake's lock
+}
+
+// ---- Os: time, identity, configuration, output ---------------------------------------------------
+
+uint32_t FakeOs::uptime() {
+    std::lock_guard<std::mutex> g(mu_);
+    return static_cast<uint32_t>(clockMs_ / 1000);
+}
+
+void FakeOs::sleepSeconds(unsigned sec) { advanceMillis(uint64_t(sec) * 1000); }
+
+void FakeOs::sleepMillis(unsigned ms) { advanceMillis(ms); }
+
+time_t FakeOs::wallClock() {
+    std::lock_guard<std::mutex> g(mu_);
+    return wallBase_ + static_cast<time_t>(clockMs_ / 1000);
+}
+
+int FakeOs::processId() { return pid_; }
+
+const DeviceConfig& FakeOs::deviceConfig() { return device_; }
+
+void FakeOs::writeStdout(const char* text, size_t len) {
+    std::lock_guard<std::mutex> g(mu_);
+    stdout_.append(text, len);
+}
+
+void FakeOs::writeStderr(const char* text, size_t len) {
+    std::lock_guard<std::mutex> g(mu_);
+    stderr_.append(text, len);
+}

@@ -1,0 +1,231 @@
+// FakeOs: the in-process, programmable system seam for unit tests.
+//
+// It stands in only for what this machine cannot have: the wireless driver (ioctls,
+// netlink), the board's kernel files and a board clock. Everything else stays real: rooted
+// files are real files in a temporary directory, shell lines the test marks with
+// runForReal() run through the real /bin/sh, semaphores are real System V semaphores
+// under a key of the fake's own.
+//
+// Every operation is recorded, in order, in a transcript of one line per operation, and
+// in typed records (shell lines, ioctls, kernel-file accesses, packets) that tests assert
+// exactly. Replies are scripted per operation group; failNth() makes the Nth matching
+// call of a group fail and tells afterwards whether it fired.
+#pragma once
+
+#include "platform/os.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+using Bytes = std::vector<uint8_t>;
+
+// Parses "01 02 0a" or "01020a" (blanks, newlines and ':' ignored) into bytes.
+Bytes hexBytes(const std::string& hex);
+// Lowercase hex of `len` bytes without separators.
+std::string toHex(const void* data, size_t len);
+
+class FakeOs : public Os {
+  public:
+    enum class Op {
+        Shell,
+        ProcRead,
+        ProcWrite,
+        Random,
+        WlanSocket,
+        Ioctl,
+        NetlinkOpen,
+        NetlinkBind,
+        NetlinkSend,
+        NetlinkRecv,
+        PacketOpen,
+        PacketIfIndex,
+        PacketSend,
+        PacketWait,
+        PacketRecv,
+        SemGet,
+        SemSetVal,
+        SemOp,
+    };
+
+    // A wireless request as the driver sees it. `data` points at the payload the iw_point
+    // descriptor designates (null for ifreq requests); a handler may write into it and
+    // change `length`, exactly as the driver does.
+    struct Ioctl {
+        unsigned long request;
+        std::string ifName;
+        uint16_t flags;
+        uint16_t length;
+        uint8_t* data;
+    };
+    // Recorded copy of a request: the payload bytes as they were handed in.
+    struct IoctlRecord {
+        unsigned long request;
+        std::string ifName;
+        uint16_t flags;
+        uint16_t length;
+        Bytes payload;
+    };
+    struct ProcWrite {
+        std::string path;
+        Bytes bytes;
+    };
+    struct Packet {
+        int ifIndex;
+        Bytes frame;
+    };
+
+    FakeOs();
+    ~FakeOs() override;
+    FakeOs(const FakeOs&) = delete;
+    FakeOs& operator=(const FakeOs&) = delete;
+
+    // ---- scripting ------------------------------------------------------------------------
+    // Shell lines starting with `prefix` run through the real /bin/sh (and are recorded).
+    void runForReal(const std::string& prefix);
+    // Shell lines starting with `prefix` are answered by `fn` (wait status).
+    void onShell(const std::string& prefix, std::function<int(const std::string&)> fn);
+    // Requests with this number are answered by `fn`: 0 for success or an errno value.
+    // Unscripted requests succeed and leave the payload as it is.
+    void onIoctl(unsigned long request, std::function<int(Ioctl&)> fn);
+    // Contents of a kernel file; a file never set does not exist (ENOENT).
+    void setProc(const std::string& path, const std::string& content);
+    void removeProc(const std::string& path);
+    // Bytes that readRandom hands out next (afterwards: a counting pattern).
+    void queueRandom(const Bytes& bytes);
+    // Interface indexes known to SIOCGIFINDEX on packet sockets.
+    void setIfIndex(const std::string& ifName, int index);
+    // Called for every frame sent on a packet socket (may queue replies).
+    void onPacketSend(std::function<void(const Packet&)> fn);
+    void queuePacket(const Bytes& frame);
+    void queueNetlink(const Bytes& message);
+    // Makes a blocked netlinkRecv return -1 (EBADF), to end a monitor thread in a test.
+    void shutdownNetlink();
+    // Makes the Nth (from 1) call of group `op` whose key contains `match` fail with `err`.
+    // Returns a handle for fired(). Keys: shell line, proc path, ioctl "0xNNNN ifname",
+    // packet/netlink: "" (match everything).
+    int failNth(Op op, const std::string& match, int nth, int err);
+    bool fired(int handle) const;
+
+    DeviceConfig& device() { return device_; }
+    void setProcessId(int pid) { pid_ = pid; }
+
+    // ---- clock ----------------------------------------------------------------------------
+    void advanceMillis(uint64_t ms);
+    void advanceSeconds(uint32_t s) { advanceMillis(uint64_t(s) * 1000); }
+    uint64_t nowMillis() const;
+
+    // ---- records --------------------------------------------------------------------------
+    std::vector<std::string> transcript() const;
+    std::vector<std::string> shellLines() const;
+    std::vector<IoctlRecord> ioctls() const;
+    std::vector<IoctlRecord> ioctls(unsigned long request) const;
+    std::vector<ProcWrite> procWrites() const;
+    std::vector<std::string> procReads() const;
+    std::vector<Packet> packetsSent() const;
+    std::vector<Bytes> netlinkSent() const;
+    void clearRecords();
+    std::string takeStdout();
+    std::string stdoutText() const;
+    std::string stderrText() const;
+
+    // The temporary directory that rooted paths live under.
+    const std::string& root() const { return root_; }
+    // Real path of a fixed path, as a std::string.
+    std::string rooted(const std::string& fixed);
+    // Reads/writes a whole rooted file (test convenience).
+    std::string readFile(const std::string& fixed);
+    void writeFile(const std::string& fixed, const std::string& content);
+
+    // ---- Os ---------------------------------------------------------------------------------
+    int runShell(const char* line) override;
+    const char* path(const char* fixed, char* out, size_t cap) override;
+    int readProc(const char* path, void* buf, size_t max) override;
+    int writeProc(const char* path, const void* buf, size_t len) override;
+    int readRandom(void* buf, size_t len) override;
+    int wlanSocket() override;
+    int wlanIoctl(int fd, unsigned long request, void* arg) override;
+    int netlinkOpen(int protocol) override;
+    int netlinkBind(int fd, uint32_t portId) override;
+    int netlinkSend(int fd, const void* buf, size_t len) override;
+    int netlinkRecv(int fd, void* buf, size_t max) override;
+    int packetOpen(uint16_t etherType) override;
+    int packetIfIndex(int fd, const char* ifName) override;
+    int packetSend(int fd, int ifIndex, const void* frame, size_t len) override;
+    int packetWait(int fd, int timeoutMs) override;
+    int packetRecv(int fd, void* buf, size_t max) override;
+    void closeFd(int fd) override;
+    uint32_t semKey() override;
+    int semGet(uint32_t key, int nsems, int flags) override;
+    int semSetVal(int id, int num, int value) override;
+    int semRemove(int id) override;
+    int semOp(int id, struct sembuf* ops, size_t nops) override;
+    uint32_t uptime() override;
+    void sleepSeconds(unsigned sec) override;
+    void sleepMillis(unsigned ms) override;
+    time_t wallClock() override;
+    int processId() override;
+    const DeviceConfig& deviceConfig() override;
+    void writeStdout(const char* text, size_t len) override;
+    void writeStderr(const char* text, size_t len) override;
+
+  private:
+    struct FailRule {
+        Op op;
+        std::string match;
+        int nth;
+        int err;
+        int seen;
+        bool fired;
+    };
+    // Returns the errno to fail with, or 0. Caller holds mu_.
+    int checkFail(Op op, const std::string& key);
+    void record(const std::string& line); // caller holds mu_
+
+    mutable std::mutex mu_;
+    std::condition_variable netlinkCv_;
+    std::string root_;
+    DeviceConfig device_;
+    int pid_ = 4242;
+    uint64_t clockMs_ = 1000000; // uptime starts at 1000 s
+    time_t wallBase_ = 1700000000;
+    uint32_t semKey_;
+    std::vector<int> semIds_;
+    int nextFd_ = 1000;
+    std::map<int, Op> fds_; // descriptor -> group that opened it
+    std::vector<std::string> realPrefixes_;
+    std::vector<std::pair<std::string, std::function<int(const std::string&)>>> shellHandlers_;
+    std::map<unsigned long, std::function<int(Ioctl&)>> ioctlHandlers_;
+    std::map<std::string, std::string> proc_;
+    std::deque<uint8_t> random_;
+    uint8_t randomCounter_ = 0;
+    std::map<std::string, int> ifIndex_;
+    std::function<void(const Packet&)> packetHook_;
+    std::deque<Bytes> rxPackets_;
+    std::deque<Bytes> rxNetlink_;
+    bool netlinkDown_ = false;
+    std::vector<FailRule> failRules_;
+
+    std::vector<std::string> transcript_;
+    std::vector<std::string> shell_;
+    std::vector<IoctlRecord> ioctls_;
+    std::vector<ProcWrite> procWrites_;
+    std::vector<std::string> procReads_;
+    std::vector<Packet> packets_;
+    std::vector<Bytes> netlinkSent_;
+    std::string stdout_;
+    std::string stderr_;
+};
+
+// Installs a FakeOs as the process-wide seam for the life of the object.
+class FakeOsScope {
+  public:
+    FakeOsScope() { setOs(&fake); }
+    ~FakeOsScope() { setOs(nullptr); }
+    FakeOs fake;
+};
