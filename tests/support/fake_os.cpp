@@ -206,7 +206,9 @@ int FakeOs::checkFail(Op op, const std::string& key) {
     return 0;
 }
 
-void FakeOs::record(const std::string& line) { transcript_.push_back(line); }
+void FakeOs::record(const std::string& line) {
+    transcript_.push_back(line);
+}
 
 // ---- clock ----------------------------------------------------------------------------------
 
@@ -298,7 +300,9 @@ std::string FakeOs::stderrText() const {
     return stderr_;
 }
 
-std::string FakeOs::rooted(const std::string& fixed) { return root_ + fixed; }
+std::string FakeOs::rooted(const std::string& fixed) {
+    return root_ + fixed;
+}
 
 std::string FakeOs::readFile(const std::string& fixed) {
     std::ifstream in(rooted(fixed), std::ios::binary);
@@ -436,9 +440,9 @@ int FakeOs::wlanIoctl(int fd, unsigned long request, void* arg) {
             rec.payload.assign(call.data, call.data + call.length);
         }
         ioctls_.push_back(rec);
-        record("ioctl " + hexReq(request) + " " + call.ifName + " flags=" +
-               std::to_string(call.flags) + " len=" + std::to_string(call.length) + " " +
-               toHex(rec.payload.data(), rec.payload.size()));
+        record("ioctl " + hexReq(request) + " " + call.ifName +
+               " flags=" + std::to_string(call.flags) + " len=" + std::to_string(call.length) +
+               " " + toHex(rec.payload.data(), rec.payload.size()));
         if (fds_.find(fd) == fds_.end()) {
             errno = EBADF;
             return -1;
@@ -557,8 +561,8 @@ int FakeOs::packetIfIndex(int /*fd*/, const char* ifName) {
 
 int FakeOs::packetSend(int /*fd*/, int ifIndex, const void* frame, size_t len) {
     std::function<void(const Packet&)> hook;
-    Packet pkt{ifIndex, Bytes(static_cast<const uint8_t*>(frame),
-                              static_cast<const uint8_t*>(frame) + len)};
+    Packet pkt{ifIndex,
+               Bytes(static_cast<const uint8_t*>(frame), static_cast<const uint8_t*>(frame) + len)};
     {
         std::lock_guard<std::mutex> g(mu_);
         packets_.push_back(pkt);
@@ -612,7 +616,9 @@ void FakeOs::closeFd(int fd) {
 
 // ---- Os: semaphores (real System V, under the fake's own key) -----------------------------------
 
-uint32_t FakeOs::semKey() { return semKey_; }
+uint32_t FakeOs::semKey() {
+    return semKey_;
+}
 
 int FakeOs::semGet(uint32_t key, int nsems, int flags) {
     std::lock_guard<std::mutex> g(mu_);
@@ -640,7 +646,9 @@ int FakeOs::semSetVal(int id, int num, int value) {
     return semctl(id, num, SETVAL, value);
 }
 
-int FakeOs::semRemove(int id) { return semctl(id, 0, IPC_RMID); }
+int FakeOs::semRemove(int id) {
+    return semctl(id, 0, IPC_RMID);
+}
 
 int FakeOs::semOp(int id, struct sembuf* ops, size_t nops) {
     {
@@ -654,25 +662,34 @@ int FakeOs::semOp(int id, struct sembuf* ops, size_t nops) {
     return semop(id, ops, nops); // may block: outside the fake's lock
 }
 
-// ---- Os: time, identity, configuration, output ---------------------------------------------------
+// ---- Os: time, identity, configuration, output
+// ---------------------------------------------------
 
 uint32_t FakeOs::uptime() {
     std::lock_guard<std::mutex> g(mu_);
     return static_cast<uint32_t>(clockMs_ / 1000);
 }
 
-void FakeOs::sleepSeconds(unsigned sec) { advanceMillis(uint64_t(sec) * 1000); }
+void FakeOs::sleepSeconds(unsigned sec) {
+    advanceMillis(uint64_t(sec) * 1000);
+}
 
-void FakeOs::sleepMillis(unsigned ms) { advanceMillis(ms); }
+void FakeOs::sleepMillis(unsigned ms) {
+    advanceMillis(ms);
+}
 
 time_t FakeOs::wallClock() {
     std::lock_guard<std::mutex> g(mu_);
-    return wallBase_ + static_cast<time_t>(clockMs_ / 1000);
+    return wallBase_ + static_cast<time_t>((clockMs_ - kStartMillis) / 1000);
 }
 
-int FakeOs::processId() { return pid_; }
+int FakeOs::processId() {
+    return pid_;
+}
 
-const DeviceConfig& FakeOs::deviceConfig() { return device_; }
+const DeviceConfig& FakeOs::deviceConfig() {
+    return device_;
+}
 
 void FakeOs::writeStdout(const char* text, size_t len) {
     std::lock_guard<std::mutex> g(mu_);

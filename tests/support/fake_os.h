@@ -192,8 +192,9 @@ class FakeOs : public Os {
     std::string root_;
     DeviceConfig device_;
     int pid_ = 4242;
-    uint64_t clockMs_ = 1000000; // uptime starts at 1000 s
-    time_t wallBase_ = 1700000000;
+    static constexpr uint64_t kStartMillis = 1000000;
+    uint64_t clockMs_ = kStartMillis; // uptime starts at 1000 s
+    time_t wallBase_ = 1700000000;    // wall clock starts at 2023-11-14 22:13:20 UTC
     uint32_t semKey_;
     std::vector<int> semIds_;
     int nextFd_ = 1000;

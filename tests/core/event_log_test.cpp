@@ -1,0 +1,80 @@
+// The event log: stamps, line ends, the 64 KiB rule, and a log that cannot be opened.
+#include "core/mesh_log.h"
+#include "fake_os.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+class EventLog : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        tzset();
+    }
+    void TearDown() override {
+        if (g_meshLog != nullptr) {
+            fclose(g_meshLog);
+            g_meshLog = nullptr;
+        }
+    }
+    std::string log() { return s.fake.readFile("/tmp/zormesh.log"); }
+    FakeOsScope s;
+};
+
+} // namespace
+
+TEST_F(EventLog, OpeningTruncatesAndLinesCarryLocalStampAndCrlf) {
+    s.fake.writeFile("/tmp/zormesh.log", "left from an earlier run\r\n");
+    ASSERT_EQ(0, mesh_log_open());
+    EXPECT_EQ("", log());
+    // The fake's wall clock starts at 1700000000 (2023-11-14 22:13:20 UTC).
+    MESH_EVENT("Add Child %02x:%02x", 0xab, 0x01);
+    s.fake.advanceSeconds(61);
+    MESH_EVENT("mesh state %s", "MESH");
+    EXPECT_EQ("[2023-11-14 22:13:20]Add Child ab:01\r\n"
+              "[2023-11-14 22:14:21]mesh state MESH\r\n",
+              log());
+    EXPECT_EQ("", s.fake.stdoutText()) << "event lines never go to the error log";
+}
+
+TEST_F(EventLog, StartsAgainEmptyOnlyAfterPassing65536Bytes) {
+    ASSERT_EQ(0, mesh_log_open());
+    // 21-byte stamp + 41 characters + CRLF = 64 bytes: 1024 lines are exactly 65536 bytes.
+    const std::string text(41, 'x');
+    for (int i = 0; i < 1024; ++i) {
+        MESH_EVENT("%s", text.c_str());
+    }
+    EXPECT_EQ(65536u, log().size()) << "exactly 65536 bytes does not trigger";
+    MESH_EVENT("%s", "the line that passes the limit");
+    EXPECT_EQ("", log()) << "passing the limit empties the log, the line just written included";
+    MESH_EVENT("%s", "after");
+    EXPECT_EQ("[2023-11-14 22:13:20]after\r\n", log());
+}
+
+TEST_F(EventLog, UnopenableLogIsReportedAndLinesAreDropped) {
+    // Put a plain file where the log's directory should be.
+    std::string tmpDir = s.fake.rooted("/tmp");
+    ASSERT_EQ(0, system(("rm -rf '" + tmpDir + "' && touch '" + tmpDir + "'").c_str()));
+    EXPECT_EQ(1, mesh_log_open());
+    EXPECT_NE(std::string::npos, s.fake.stdoutText().find("(mesh_log_open) "))
+        << s.fake.stdoutText();
+    EXPECT_NE(std::string::npos, s.fake.stdoutText().find(": open log file failed\r\n"));
+    MESH_EVENT("%s", "nobody sees this"); // must not crash
+    EXPECT_EQ(nullptr, g_meshLog);
+}
+
+TEST(ErrorLog, PrefixFunctionLineAndCrlf) {
+    FakeOsScope s;
+    int line = __LINE__ + 1;
+    MESH_ERR("len(%d) is invalid.", 1455);
+    char expected[128];
+    snprintf(expected, sizeof expected, "[MESH][ERROR](TestBody) %05d: len(1455) is invalid.\r\n",
+             line);
+    EXPECT_EQ(expected, s.fake.stdoutText());
+}
