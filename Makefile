@@ -1,6 +1,7 @@
 # Thin wrapper over the CMake build.
 BUILD ?= build
 JOBS ?= $(shell nproc)
+MAKEFLAGS += --no-print-directory
 CTEST_ARGS ?= --output-on-failure -j$(JOBS)
 
 .PHONY: all build configure test bootstrap demo node bench asan tsan format cppcheck clean

@@ -36,7 +36,7 @@ void usage(FILE* out) {
             "  --socket PATH    the daemon's command socket (default %s)\n"
             "  -h, --help       this text\n"
             "\n"
-            "Exit status: 0 a reply came; 1 bad usage; 2 could not connect or send;\n"
+            "Exit status: 0 a reply came; 1 bad usage; 2 could not connect;\n"
             "3 the daemon closed the connection without a reply.\n",
             kDefaultSocket);
 }
@@ -167,9 +167,11 @@ int main(int argc, char** argv) {
     putLe32(header + 8, kMsgLen);
     putLe32(header + 12, 0);
     if (!sendAll(fd, header, sizeof header) || !sendAll(fd, msg, sizeof msg)) {
-        fprintf(stderr, "zormeshctl: cannot send to %s: %s\n", socketPath, strerror(errno));
+        // The daemon closes a connection it will not answer, possibly before we are done.
+        fprintf(stderr, "zormeshctl: the daemon closed the connection without a reply (%s)\n",
+                strerror(errno));
         close(fd);
-        return EXIT_NO_CONNECT;
+        return EXIT_NO_REPLY;
     }
     uint8_t reply[kMsgLen];
     bool ok = recvAll(fd, header, sizeof header) && getLe32(header) == UNIX_SOCK_MAGIC &&
