@@ -67,38 +67,6 @@ TEST(DatLine, EnforcesKeyValueAndTerminatorLimitsWithOrWithoutOutputs) {
               Lines{"Can't found Terminator! Exceeding the max line buffer(9192)?"});
 }
 
-TEST(DatLine, TrimsOnlyAFinalLineEnd) {
-    struct Case {
-        std::string in, out;
-    } cases[] = {{"abc\r\n", "abc"}, {"abc\n", "abc"}, {"abc\r", "abc\r"},
-                 {"\n", ""},         {"a\nb", "a\nb"}, {"", ""}};
-    for (auto& c : cases) {
-        char buf[16];
-        snprintf(buf, sizeof buf, "%s", c.in.c_str());
-        _trimLineEnd(buf, strlen(buf));
-        EXPECT_EQ(std::string(buf), c.out);
-    }
-}
-
-TEST(DatLine, EscapesEverySedAndShellCharacter) {
-    char out[128];
-    _escapeSedChars(out, "a.*[]^${}\\+?|()&;'\"<>/`= z");
-    EXPECT_STREQ(out,
-                 "a\\.\\*\\[\\]\\^\\$\\{\\}\\\\\\+\\?\\|\\(\\)\\&\\;\\'\\\"\\<\\>\\/\\`\\=\\ z");
-    _escapeSedChars(out, "0123abcXYZ_-:,!#@%~");
-    EXPECT_STREQ(out, "0123abcXYZ_-:,!#@%~");
-}
-
-TEST(DatLine, InterfaceIndexFromTheName) {
-    EXPECT_EQ(_mtk_wlan_ifIndex("ra0"), 0);
-    EXPECT_EQ(_mtk_wlan_ifIndex("ra2"), 2);
-    EXPECT_EQ(_mtk_wlan_ifIndex("rai3"), 3);
-    EXPECT_EQ(_mtk_wlan_ifIndex("rax12"), 12);
-    EXPECT_EQ(_mtk_wlan_ifIndex("apclii0"), 0);
-    EXPECT_EQ(_mtk_wlan_ifIndex("rai"), 0);
-    EXPECT_EQ(_mtk_wlan_ifIndex("r"), 0);
-}
-
 using ProfileStore = WlanTest;
 
 TEST_F(ProfileStore, LookupSkipsOversizedLinesAndFindsTheRest) {
@@ -195,6 +163,7 @@ TEST_F(ProfileStore, IndexedKeyFollowsTheInterfaceIndex) {
     const std::string pass = "p.a*s[s]^w$o{r}d+?|()&;'\"<>/`= end";
     char esc[2 * 64 + 1];
     _escapeSedChars(esc, pass.c_str());
+    EXPECT_EQ(std::string(esc), R"(p\.a\*s\[s\]\^w\$o\{r\}d\+\?\|\(\)\&\;\'\"\<\>\/\`\=\ end)");
     uint32_t n = 42;
     EXPECT_EQ(_mtk_wlan_setVapCfgWithIndex("WPAPSK", "WPAPSK", "rai1", esc, MTK_DATA_STRING,
                                            MTK_APPLY_BOTH),
