@@ -29,7 +29,11 @@ int mesh_log_open() {
 }
 
 void mesh_errorLog(const char* func, int line, const char* fmt, ...) {
-    char buf[1024];
+    // Error texts may quote a whole profile value (up to 9125 characters): one buffer large
+    // enough for that, shared under a lock rather than placed on a thread's stack.
+    static char buf[12 * 1024];
+    static std::mutex bufMutex;
+    std::lock_guard<std::mutex> g(bufMutex);
     int n = snprintf(buf, sizeof buf, "[MESH][ERROR](%s) %05d: ", func, line);
     if (n < 0 || n >= static_cast<int>(sizeof buf)) {
         n = 0;
