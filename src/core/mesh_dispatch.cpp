@@ -1,5 +1,6 @@
 #include "core/mesh_log.h"
 #include "core/mesh_msg.h"
+#include "wlan/mesh_wlan_scan.h"
 
 #include <cstring>
 
@@ -28,6 +29,14 @@ uint32_t mesh_cmd_handle(MESH_CMD_MSG* msg) {
     switch (type) {
     // Each served type returns its handler's result here. A type whose handler does not
     // exist in this build falls through to the unsupported answer below.
+    case MESH_CMD_GET_STA_STATUS: {
+        // The status word at payload offset 0 keeps its value when the driver refuses.
+        int32_t status;
+        memcpy(&status, payload, sizeof status);
+        uint32_t rc = mesh_wlan_getStaStatus(&status);
+        memcpy(payload, &status, sizeof status);
+        return rc;
+    }
     default:
         break;
     }

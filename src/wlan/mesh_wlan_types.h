@@ -1,4 +1,5 @@
-// Radio setting records that arrive in commands and live in the configuration record.
+// Radio setting records that arrive in commands and live in the configuration record, and
+// the credentials record handed to the backhaul AP and the mesh station.
 #pragma once
 
 #include <cstddef>
@@ -16,3 +17,11 @@ static_assert(sizeof(MESH_BASIC_WLAN_CFG) == 20, "MESH_BASIC_WLAN_CFG is 20 byte
 static_assert(offsetof(MESH_BASIC_WLAN_CFG, bandwidth) == 4, "bandwidth at 4");
 static_assert(offsetof(MESH_BASIC_WLAN_CFG, frequency) == 8, "frequency at 8");
 static_assert(offsetof(MESH_BASIC_WLAN_CFG, wlanMode) == 12, "wlanMode at 12");
+
+// Backhaul or parent credentials: SSID text then passphrase text, both NUL-terminated.
+struct MESH_WLAN_CREDENTIALS {
+    char ssid[32];
+    char passphrase[33];
+};
+static_assert(sizeof(MESH_WLAN_CREDENTIALS) == 65, "credentials record is 65 bytes");
+static_assert(offsetof(MESH_WLAN_CREDENTIALS, passphrase) == 32, "passphrase at 32");
