@@ -1,35 +1,14 @@
-// Checks captured standard output against error lines of the daemon's error log.
+// Checks captured standard output against the daemon's error-log lines.
 #pragma once
 
-#include <cctype>
+#include <regex>
 #include <string>
-#include <vector>
 
-// True when `out` is exactly the error lines "[MESH][ERROR](<func>) <5 digits>: <text>\r\n"
-// for the given (function, text) pairs, in order.
-inline bool errorLines(const std::string& out,
-                       const std::vector<std::pair<std::string, std::string>>& lines) {
-    size_t at = 0;
-    for (const auto& l : lines) {
-        std::string head = "[MESH][ERROR](" + l.first + ") ";
-        if (out.compare(at, head.size(), head) != 0) {
-            return false;
-        }
-        at += head.size();
-        for (int i = 0; i < 5; ++i, ++at) {
-            if (at >= out.size() || !isdigit(static_cast<unsigned char>(out[at]))) {
-                return false;
-            }
-        }
-        std::string tail = ": " + l.second + "\r\n";
-        if (out.compare(at, tail.size(), tail) != 0) {
-            return false;
-        }
-        at += tail.size();
-    }
-    return at == out.size();
-}
-
+// True when `out` is exactly one line "[MESH][ERROR](<func>) <5 digits>: <text>\r\n".
 inline bool errorLine(const std::string& out, const std::string& func, const std::string& text) {
-    return errorLines(out, {{func, text}});
+    std::string head = "[MESH][ERROR](" + func + ") ";
+    std::string tail = ": " + text + "\r\n";
+    return out.size() == head.size() + 5 + tail.size() && out.compare(0, head.size(), head) == 0 &&
+           std::regex_match(out.substr(head.size(), 5), std::regex("[0-9]{5}")) &&
+           out.compare(head.size() + 5, std::string::npos, tail) == 0;
 }

@@ -1,6 +1,5 @@
 // The element payloads, the child record and the pairing blocks, byte for byte.
 #include "security/mesh_payload.h"
-#include "platform/byteorder.h"
 #include "security/mesh_rsa.h"
 
 #include "error_line.h"
@@ -199,30 +198,6 @@ TEST_F(PayloadTest, IdentityPairingBlock) {
     EXPECT_EQ(Bytes(32, 'Q'), Bytes(b.begin() + 16, b.begin() + 48));
     EXPECT_EQ(0, b[48]);
     EXPECT_EQ(hexBytes("00 00 01 02"), Bytes(b.begin() + 49, b.begin() + 53));
-}
-
-TEST_F(PayloadTest, PairingBlockSurvivesEncryptionForTheChild) {
-    MESH_RSA_KEY child;
-    ASSERT_EQ(0u, mesh_common_rsa_generateKey(&child));
-    MESH_RSA_KEY pub;
-    memset(&pub, 0, sizeof pub);
-    memcpy(pub.modulus, child.modulus, 128);
-    pub.modulusLen = child.modulusLen;
-
-    uint8_t secret[16] = {9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 1, 2, 3, 4, 5, 6};
-    MESH_ORBP_CFG id;
-    memset(&id, 0, sizeof id);
-    strcpy(id.vintacId, "controller-7");
-    id.verCap = 0x01020304;
-    MESH_PAIR_BLOCK_ID blk;
-    ASSERT_EQ(0u, mesh_payload_buildPairBlockId(secret, &id, &blk));
-    uint8_t cipher[128];
-    ASSERT_EQ(0u, mesh_common_rsa_encrypt(&pub, cipher, reinterpret_cast<uint8_t*>(&blk)));
-    MESH_PAIR_BLOCK_ID back;
-    memset(&back, 0, sizeof back);
-    ASSERT_EQ(0u, mesh_common_rsa_decrypt(&child, reinterpret_cast<uint8_t*>(&back), cipher));
-    EXPECT_EQ(bytesOf(blk), bytesOf(back));
-    EXPECT_EQ(0x01020304u, get_be32(back.verCap));
 }
 
 } // namespace

@@ -126,7 +126,7 @@ TEST_F(RsaTest, GarbageAndWrongKeyCiphertextsFail) {
         errorLine(fake.takeStdout(), "mesh_common_rsa_decrypt", "openssl decrypt failed\n"));
 }
 
-TEST_F(RsaTest, UnusableKeysAndMissingArgumentsFail) {
+TEST_F(RsaTest, UnusableKeysFail) {
     MESH_RSA_KEY k;
     ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&k));
     std::vector<uint8_t> plain = block117(1);
@@ -154,13 +154,6 @@ TEST_F(RsaTest, UnusableKeysAndMissingArgumentsFail) {
     wide.privateExponentLen = 129;
     EXPECT_EQ(1u, mesh_common_rsa_decrypt(&wide, plain.data(), cipher.data()));
     EXPECT_EQ(Bytes(MESH_RSA_CIPHER_LEN, 0x5C), cipher);
-
-    EXPECT_EQ(1u, mesh_common_rsa_encrypt(nullptr, cipher.data(), plain.data()));
-    EXPECT_EQ(1u, mesh_common_rsa_encrypt(&k, nullptr, plain.data()));
-    EXPECT_EQ(1u, mesh_common_rsa_encrypt(&k, cipher.data(), nullptr));
-    EXPECT_EQ(1u, mesh_common_rsa_decrypt(nullptr, plain.data(), cipher.data()));
-    EXPECT_EQ(1u, mesh_common_rsa_decrypt(&k, nullptr, cipher.data()));
-    EXPECT_EQ(1u, mesh_common_rsa_decrypt(&k, plain.data(), nullptr));
     EXPECT_EQ("", fake.takeStdout());
 }
 
