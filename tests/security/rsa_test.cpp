@@ -42,11 +42,13 @@ TEST_F(RsaTest, SingletonIsOneFixed1024BitKeyWithExponent65537) {
     ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&a));
     ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&b));
     EXPECT_EQ(0, memcmp(&a, &b, sizeof a));
-    EXPECT_EQ(128, a.modulusLen);
+    const unsigned nLen = a.modulusLen; // packed fields: compared by value
+    const unsigned dLen = a.privateExponentLen;
+    EXPECT_EQ(128u, nLen);
     EXPECT_NE(0, a.modulus[0] & 0x80); // a full 1024-bit n
     EXPECT_EQ(Bytes({0x01, 0x00, 0x01}), Bytes(a.publicExponent, a.publicExponent + 3));
-    EXPECT_GT(a.privateExponentLen, 100);
-    EXPECT_LE(a.privateExponentLen, 128);
+    EXPECT_GT(dLen, 100u);
+    EXPECT_LE(dLen, 128u);
     EXPECT_EQ(1u, mesh_common_rsa_getSingleton(nullptr));
 
     // A fresh generation is a different key.
