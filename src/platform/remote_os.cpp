@@ -657,6 +657,7 @@ int RemoteOs::netlinkSend(int fd, const void* buf, size_t len) {
 
 int RemoteOs::netlinkRecv(int fd, void* buf, size_t max) {
     Conn* c;
+    uint32_t generation;
     {
         std::lock_guard<std::mutex> g(fdMu_);
         Descriptor* d = findDescriptor(fd, Kind::Netlink);
@@ -665,26 +666,32 @@ int RemoteOs::netlinkRecv(int fd, void* buf, size_t max) {
             return -1;
         }
         c = d->conn;
+        generation = c->generation;
+        ++c->receivers; // closeFd() waits for us before it closes the descriptor
     }
-    uint32_t generation = c->generation;
+    int result = -1;
+    int err = EBADF;
     if (!c->lost) {
         ssize_t n;
         do {
             n = recv(fd, buf, max, 0);
         } while (n < 0 && errno == EINTR);
         if (n > 0) {
-            return static_cast<int>(n);
-        }
-        if (c->generation == generation) {
+            result = static_cast<int>(n);
+            err = 0;
+        } else if (c->generation == generation) {
             markLost(*c, "the emulator closed the netlink connection");
         }
     }
     // A vanished driver sends no more events: wait until the socket is closed.
-    while (c->generation == generation) {
+    while (result < 0 && c->generation == generation) {
         g_monotonic.sleepMicros(kLostPollMicros); // real time, whatever clock is installed
     }
-    errno = EBADF;
-    return -1;
+    --c->receivers;
+    if (result < 0) {
+        errno = err;
+    }
+    return result;
 }
 
 // ---- packet sockets -----------------------------------------------------------------------------
@@ -829,13 +836,18 @@ void RemoteOs::closeFd(int fd) {
         }
         d = *p;
         *p = Descriptor{};
+        if (d.kind == Kind::Netlink) {
+            ++d.conn->generation; // ends a receive that waits on a lost connection
+        }
     }
     if (d.kind == Kind::Netlink) {
         Conn* c = d.conn;
-        ++c->generation; // ends a receive that waits on a lost connection
         int cfd = c->fd.exchange(-1);
         if (cfd >= 0) {
             shutdown(cfd, SHUT_RDWR); // ends a receive that waits on a live one
+            while (c->receivers > 0) {
+                g_monotonic.sleepMicros(1000); // the descriptor stays until they are gone
+            }
             close(cfd);
         }
         c->lost = false;

@@ -92,6 +92,7 @@ class RemoteOs : public Os {
         std::atomic<bool> inUse{false};
         std::atomic<bool> lost{false};
         std::atomic<uint32_t> generation{0}; // netlink: counts closes, ends a waiting receive
+        std::atomic<int> receivers{0};       // netlink: receives in progress
         uint32_t number = 0;
         // One message, request or reply: header + largest body.
         std::array<uint8_t, sizeof(RemoteRspHeader) + REMOTE_MAX_BODY> buf;
