@@ -40,9 +40,10 @@ bool isIfreqRequest(unsigned long request) {
 }
 
 void copyName(char* dst, const char* src, size_t cap) {
-    memset(dst, 0, cap);
-    size_t n = src != nullptr ? strnlen(src, cap) : 0;
-    memcpy(dst, src, n); // NUL-padded; a name of exactly `cap` characters fills the field
+    memset(dst, 0, cap); // NUL-padded; a name of exactly `cap` characters fills the field
+    if (src != nullptr) {
+        memcpy(dst, src, strnlen(src, cap));
+    }
 }
 
 void writeAll(int fd, const char* text, size_t len) {
