@@ -601,16 +601,20 @@ int RemoteOs::netlinkOpen(int protocol) {
     return fd;
 }
 
+RemoteOs::Conn* RemoteOs::netlinkConnOf(int fd) {
+    std::lock_guard<std::mutex> g(fdMu_);
+    Descriptor* d = findDescriptor(fd, Kind::Netlink);
+    if (d == nullptr) {
+        errno = EBADF;
+        return nullptr;
+    }
+    return d->conn;
+}
+
 int RemoteOs::netlinkBind(int fd, uint32_t portId) {
-    Conn* c;
-    {
-        std::lock_guard<std::mutex> g(fdMu_);
-        Descriptor* d = findDescriptor(fd, Kind::Netlink);
-        if (d == nullptr) {
-            errno = EBADF;
-            return -1;
-        }
-        c = d->conn;
+    Conn* c = netlinkConnOf(fd);
+    if (c == nullptr) {
+        return -1;
     }
     RemoteU32Req req{portId};
     memcpy(body(*c), &req, sizeof req);
@@ -627,15 +631,9 @@ int RemoteOs::netlinkBind(int fd, uint32_t portId) {
 }
 
 int RemoteOs::netlinkSend(int fd, const void* buf, size_t len) {
-    Conn* c;
-    {
-        std::lock_guard<std::mutex> g(fdMu_);
-        Descriptor* d = findDescriptor(fd, Kind::Netlink);
-        if (d == nullptr) {
-            errno = EBADF;
-            return -1;
-        }
-        c = d->conn;
+    Conn* c = netlinkConnOf(fd);
+    if (c == nullptr) {
+        return -1;
     }
     if (len > REMOTE_MAX_BODY) {
         errno = EMSGSIZE;

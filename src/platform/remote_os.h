@@ -52,8 +52,6 @@ class RemoteOs : public Os {
     int start(const char* root, uint32_t timeScale);
     // Replaces the real clock (before start()); nullptr restores the monotonic clock.
     void setRealClock(RealClock* clock);
-    // Whether the emulator serves random bytes (from the hello reply).
-    bool emulatorServesRandom() const { return serveRandom_; }
 
     int runShell(const char* line) override;
     const char* path(const char* fixed, char* out, size_t cap) override;
@@ -126,6 +124,7 @@ class RemoteOs : public Os {
     int addDescriptor(Kind kind, int fd, int32_t remoteId, Conn* conn);
     Descriptor* findDescriptor(int fd, Kind kind); // caller holds fdMu_
     int32_t remoteIdOf(int fd, Kind kind);
+    Conn* netlinkConnOf(int fd); // null (errno EBADF) for anything but a netlink descriptor
     int semReport(uint32_t call, int32_t a, int32_t b, int32_t c, const struct sembuf* ops,
                   size_t nops);
 
@@ -139,7 +138,6 @@ class RemoteOs : public Os {
     uint32_t uptimeBase_ = 0;
     time_t wallBase_ = 0;
     uint64_t realStartUs_ = 0;
-    int pid_ = 0;
     DeviceConfig cfg_{};
     RealClock* clock_;
     pthread_key_t key_{};
