@@ -24,6 +24,12 @@ test: bootstrap build
 demo: build
 	@scripts/demo $(BUILD)
 
+# One emulated node with the test emulator, in this terminal (Ctrl-C stops both).
+ROOT ?= /tmp/zormesh-node
+SCALE ?= 1
+node: build
+	@ROOT=$(ROOT) SCALE=$(SCALE) sim/run-node $(BUILD)
+
 bench: build
 	@for b in $(BUILD)/bench_*; do echo "== $$b"; $$b || exit 1; done
 
