@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "platform/seam_guard.h"
+
 MESH_ALL_CONFIG g_allConfig;
 pthread_mutex_t g_configMutex = PTHREAD_MUTEX_INITIALIZER;
 
