@@ -1,5 +1,6 @@
 #include "core/mesh_log.h"
 #include "core/mesh_msg.h"
+#include "state/mesh_state.h"
 #include "wlan/mesh_wlan_scan.h"
 
 #include <cstring>
@@ -37,6 +38,14 @@ uint32_t mesh_cmd_handle(MESH_CMD_MSG* msg) {
         memcpy(payload, &status, sizeof status);
         return rc;
     }
+    case MESH_CMD_GET_MESH_STATE: {
+        uint32_t state = 0;
+        uint32_t rc = mesh_state_getMeshState(&state);
+        memcpy(payload, &state, sizeof state);
+        return rc;
+    }
+    case MESH_CMD_REQUEST_RESCAN:
+        return mesh_state_requestRescan(payloadU32(msg));
     default:
         break;
     }
