@@ -54,9 +54,9 @@ TEST_F(Node, ServesCommandsAsTheDaemonOverTheEmulatedPlatform) {
     ASSERT_TRUE(e2e::waitForListener(socketPath(), kStartMs));
 
     std::string reply;
-    ASSERT_EQ(0, command(13, &reply));
+    ASSERT_EQ(0, command(23, &reply));
     ASSERT_EQ(2 * 1456u + 1, reply.size()); // the whole message, as hex, and a line end
-    EXPECT_EQ("0d000000", reply.substr(0, 8));
+    EXPECT_EQ("17000000", reply.substr(0, 8));
     ASSERT_EQ(0, command(99));
 
     // The error log is the daemon's standard output, one line per unserved command.
