@@ -1,155 +1,108 @@
 // The command server over real Unix sockets: framing, lengths, stalled clients, the socket.
-#include "core/mesh_config.h"
+#include "core_fixture.h"
+
 #include "core/mesh_main.h"
-#include "core/mesh_msg.h"
-#include "fake_os.h"
 #include "platform/byteorder.h"
-#include "platform/unix_sock.h"
 
 #include <climits>
-#include <cstring>
 #include <future>
-#include <gtest/gtest.h>
-#include <string>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
-class CommandServer : public ::testing::Test {
+class CommandServer : public CommandSocket {
   protected:
-    void SetUp() override {
-        mesh_config_reset();
-        memset(&ctx_, 0, sizeof ctx_);
-        ASSERT_EQ(0, unix_sock_initSrv(MESH_CMD_SRV_ID, &ctx_, MESH_CMD_SRV_BACKLOG));
-        path_ = s.fake.rooted("/var/run/usock/21.sock");
-    }
-    void TearDown() override { close(ctx_.listenFd); }
-
     int connectClient() {
-        int fd = unix_sock_connectPath(path_.c_str());
+        int fd = unix_sock_connectPath(path().c_str());
         EXPECT_GE(fd, 0);
         return fd;
     }
     static void sendHeader(int fd, uint32_t len, uint32_t magic = UNIX_SOCK_MAGIC) {
-        uint8_t h[16];
-        put_le32(h, magic);
-        put_le32(h + 4, 16);
-        put_le32(h + 8, len);
-        put_le32(h + 12, 0);
+        const uint32_t h[4] = {magic, 16, len, 0}; // little-endian words on this host
         ASSERT_EQ(16, send(fd, h, 16, MSG_NOSIGNAL));
     }
-    // Reads until the server closes; returns everything received.
+    // Everything received until the server closes.
     static std::string readAll(int fd) {
         std::string out;
         char buf[4096];
-        ssize_t n;
-        while ((n = recv(fd, buf, sizeof buf, 0)) > 0) {
+        for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) {
             out.append(buf, static_cast<size_t>(n));
         }
+        close(fd);
         return out;
     }
-    // Sends one whole request on a fresh connection and serves it.
-    std::string roundTrip(const uint8_t* msg) {
+    // A client that sends a whole request and leaves `fd` open for the reply.
+    int request(const uint8_t* msg) {
         int fd = connectClient();
         sendHeader(fd, MESH_CMD_MSG_LEN);
         EXPECT_EQ(MESH_CMD_MSG_LEN, send(fd, msg, MESH_CMD_MSG_LEN, MSG_NOSIGNAL));
-        mesh_receive_cmd(ctx_.listenFd);
-        std::string reply = readAll(fd);
-        close(fd);
-        return reply;
+        return fd;
     }
-
-    FakeOsScope s;
-    UNIX_SOCK_SRV_CTX ctx_;
-    std::string path_;
 };
 
-} // namespace
-
-TEST_F(CommandServer, SocketFileIsPrivateToTheOwner) {
+TEST_F(CommandServer, EveryTypeGetsOneWholeReplyAndUnservedTypesComeBackUnchanged) {
     struct stat st {};
-    ASSERT_EQ(0, stat(path_.c_str(), &st));
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    EXPECT_EQ(0600u, st.st_mode & 0777);
-}
+    ASSERT_EQ(0, stat(path().c_str(), &st));
+    EXPECT_EQ(0140600u, st.st_mode & 0170777) << "a socket only its owner may use";
 
-TEST_F(CommandServer, EveryTypeIsAnsweredWithOneWholeMessage) {
-    const int32_t types[] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12,      13,     14,
-                             15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, -1, INT_MIN, INT_MAX};
-    for (int32_t type : types) {
-        uint8_t msg[MESH_CMD_MSG_LEN] = {};
-        put_le32(msg, static_cast<uint32_t>(type));
-        std::string reply = roundTrip(msg);
-        ASSERT_EQ(16u + MESH_CMD_MSG_LEN, reply.size()) << "type " << type;
-        const auto* h = reinterpret_cast<const uint8_t*>(reply.data());
-        EXPECT_EQ(UNIX_SOCK_MAGIC, get_le32(h));
-        EXPECT_EQ(16u, get_le32(h + 4));
-        EXPECT_EQ(static_cast<uint32_t>(MESH_CMD_MSG_LEN), get_le32(h + 8));
-        EXPECT_EQ(static_cast<uint32_t>(type), get_le32(h + 16)) << "type comes back";
-    }
-}
-
-TEST_F(CommandServer, UnservedTypesComeBackUnchanged) {
-    for (int32_t type : {0, 23, 25, -1, INT_MIN}) {
+    for (int32_t type : {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12,      13,     14,
+                         15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, -1, INT_MIN, INT_MAX}) {
         uint8_t msg[MESH_CMD_MSG_LEN];
         for (int i = 0; i < MESH_CMD_MSG_LEN; ++i) {
             msg[i] = static_cast<uint8_t>(i * 7 + 3);
         }
         put_le32(msg, static_cast<uint32_t>(type));
         s.fake.takeStdout();
-        std::string reply = roundTrip(msg);
-        ASSERT_EQ(16u + MESH_CMD_MSG_LEN, reply.size());
-        EXPECT_EQ(0, memcmp(reply.data() + 16, msg, MESH_CMD_MSG_LEN)) << "type " << type;
-        EXPECT_NE(std::string::npos, s.fake.stdoutText().find("unsupported command type\r\n"));
+        int fd = request(msg);
+        uint32_t rc = mesh_receive_cmd(listenFd());
+        std::string reply = readAll(fd);
+        ASSERT_EQ(16u + MESH_CMD_MSG_LEN, reply.size()) << "type " << type;
+        const auto* r = reinterpret_cast<const uint8_t*>(reply.data());
+        EXPECT_EQ(hexBytes("55 53 43 4b  10 00 00 00  b0 05 00 00"), Bytes(r, r + 12));
+        EXPECT_EQ(0, memcmp(r + 16, msg, 8)) << "type and reserved word come back";
+        if (type < 1 || type > 24 || type == 23) {
+            EXPECT_EQ(1u, rc);
+            EXPECT_EQ(0, memcmp(r + 16, msg, MESH_CMD_MSG_LEN)) << "type " << type;
+            EXPECT_NE(std::string::npos, s.fake.stdoutText().find("unsupported command type\r\n"));
+        }
     }
+    EXPECT_EQ(1u, mesh_cmd_handle(nullptr));
 }
 
-TEST_F(CommandServer, WrongAnnouncedLengthGetsNoReplyAndIsLogged) {
-    for (uint32_t len : {1455u, 1457u, 0u}) {
+TEST_F(CommandServer, BrokenHeaderOrWrongLengthGetsNoReplyAndIsLogged) {
+    const struct {
+        uint32_t magic, len;
+        std::string error;
+    } cases[] = {
+        {UNIX_SOCK_MAGIC, 1455, "len(1455) is invalid.\r\n"},
+        {UNIX_SOCK_MAGIC, 1457, "len(1457) is invalid.\r\n"},
+        {UNIX_SOCK_MAGIC, 0, "len(0) is invalid.\r\n"},
+        {0x12345678u, MESH_CMD_MSG_LEN, "unix_sock_recvHeader failed!\r\n"},
+    };
+    for (const auto& c : cases) {
         s.fake.takeStdout();
         int fd = connectClient();
-        sendHeader(fd, len);
+        sendHeader(fd, c.len, c.magic);
         uint8_t body[1457] = {};
-        send(fd, body, len, MSG_NOSIGNAL);
-        EXPECT_EQ(0u, mesh_receive_cmd(ctx_.listenFd));
-        EXPECT_EQ("", readAll(fd)) << "no reply for length " << len;
-        close(fd);
-        EXPECT_NE(std::string::npos,
-                  s.fake.stdoutText().find("len(" + std::to_string(len) + ") is invalid.\r\n"))
-            << s.fake.stdoutText();
+        send(fd, body, c.len, MSG_NOSIGNAL);
+        EXPECT_EQ(0u, mesh_receive_cmd(listenFd()));
+        EXPECT_EQ("", readAll(fd)) << c.error;
+        EXPECT_NE(std::string::npos, s.fake.stdoutText().find(c.error)) << s.fake.stdoutText();
     }
 }
 
-TEST_F(CommandServer, BrokenHeaderGetsNoReply) {
-    int fd = connectClient();
-    sendHeader(fd, MESH_CMD_MSG_LEN, 0x12345678u);
-    mesh_receive_cmd(ctx_.listenFd);
-    EXPECT_EQ("", readAll(fd));
-    close(fd);
-    EXPECT_NE(std::string::npos, s.fake.stdoutText().find("unix_sock_recvHeader failed!\r\n"));
-}
-
-TEST_F(CommandServer, StalledClientsDoNotStopTheNextOne) {
-    // One client connects and sends nothing, one sends half a body and stalls; a third sends
-    // a whole request. The server gives each stalled client its 2-second budget, closes it,
-    // and serves the third.
+TEST_F(CommandServer, StalledOrVanishedClientsDoNotStopTheNextOne) {
+    // One client sends nothing, one half a body; each gets its 2-second budget and is closed.
     int silent = connectClient();
     int half = connectClient();
     sendHeader(half, MESH_CMD_MSG_LEN);
-    uint8_t some[100] = {};
-    ASSERT_EQ(100, send(half, some, sizeof some, MSG_NOSIGNAL));
-    int good = connectClient();
     uint8_t msg[MESH_CMD_MSG_LEN] = {};
+    ASSERT_EQ(100, send(half, msg, 100, MSG_NOSIGNAL));
     put_le32(msg, 23);
-    sendHeader(good, MESH_CMD_MSG_LEN);
-    ASSERT_EQ(MESH_CMD_MSG_LEN, send(good, msg, MESH_CMD_MSG_LEN, MSG_NOSIGNAL));
-
+    int good = request(msg);
     auto served = std::async(std::launch::async, [this] {
         for (int i = 0; i < 3; ++i) {
-            mesh_receive_cmd(ctx_.listenFd);
+            mesh_receive_cmd(listenFd());
         }
     });
     ASSERT_EQ(std::future_status::ready, served.wait_for(std::chrono::seconds(30)))
@@ -157,33 +110,16 @@ TEST_F(CommandServer, StalledClientsDoNotStopTheNextOne) {
     EXPECT_EQ("", readAll(silent));
     EXPECT_EQ("", readAll(half));
     EXPECT_EQ(16u + MESH_CMD_MSG_LEN, readAll(good).size());
-    close(silent);
-    close(half);
-    close(good);
     std::string err = s.fake.stdoutText();
     EXPECT_NE(std::string::npos, err.find("unix_sock_recvHeader failed!\r\n")) << err;
     EXPECT_NE(std::string::npos, err.find("recv data failed\r\n")) << err;
+
+    // A requester gone before the reply: the send fails quietly (no SIGPIPE), serving goes on.
+    close(request(msg));
+    mesh_receive_cmd(listenFd());
+    int next = request(msg);
+    mesh_receive_cmd(listenFd());
+    EXPECT_EQ(16u + MESH_CMD_MSG_LEN, readAll(next).size());
 }
 
-TEST_F(CommandServer, RequesterThatLeavesEarlyDoesNotKillTheServer) {
-    int fd = connectClient();
-    uint8_t msg[MESH_CMD_MSG_LEN] = {};
-    sendHeader(fd, MESH_CMD_MSG_LEN);
-    ASSERT_EQ(MESH_CMD_MSG_LEN, send(fd, msg, MESH_CMD_MSG_LEN, MSG_NOSIGNAL));
-    close(fd); // gone before the reply: the reply send must fail quietly, not raise SIGPIPE
-    mesh_receive_cmd(ctx_.listenFd);
-    uint8_t again[MESH_CMD_MSG_LEN] = {};
-    EXPECT_EQ(16u + MESH_CMD_MSG_LEN, roundTrip(again).size());
-}
-
-TEST(CommandDispatch, NullAndUnknownTypes) {
-    FakeOsScope s;
-    EXPECT_EQ(1u, mesh_cmd_handle(nullptr));
-    MESH_CMD_MSG msg;
-    memset(&msg, 0x5A, sizeof msg);
-    msg.type = 23;
-    MESH_CMD_MSG copy = msg;
-    EXPECT_EQ(1u, mesh_cmd_handle(&msg));
-    EXPECT_EQ(0, memcmp(&copy, &msg, sizeof msg));
-    EXPECT_NE(std::string::npos, s.fake.stdoutText().find("[MESH][ERROR](mesh_cmd_handle) "));
-}
+} // namespace
