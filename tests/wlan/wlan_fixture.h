@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+using Lines = std::vector<std::string>;
+
 // A profile as the driver ships it: header and comments, plain keys, the indexed SSID and
 // WPAPSK keys with their bare base keys, per-VAP lists for 4 VAPs, and CRLF lines.
 inline std::string realisticProfile() {
@@ -43,8 +45,8 @@ inline std::string realisticProfile() {
 }
 
 // The text behind the "[MESH][ERROR](func) NNNNN: " prefix of each error line.
-inline std::vector<std::string> errorTexts(const std::string& out) {
-    std::vector<std::string> texts;
+inline Lines errorTexts(const std::string& out) {
+    Lines texts;
     size_t pos = 0;
     while (pos < out.size()) {
         size_t end = out.find("\r\n", pos);
@@ -54,6 +56,23 @@ inline std::vector<std::string> errorTexts(const std::string& out) {
         pos = end == std::string::npos ? out.size() : end + 2;
     }
     return texts;
+}
+
+// Lowercase hex without separators of a hex text written with blanks, to compare with toHex().
+inline std::string hex(const std::string& spaced) {
+    Bytes b = hexBytes(spaced);
+    return toHex(b.data(), b.size());
+}
+
+// One recorded driver request: number, interface, sub-command flags, and the payload handed in
+// (the length is the payload's).
+inline void expectRequest(const FakeOs::IoctlRecord& r, unsigned long request, const char* ifName,
+                          uint16_t flags, const Bytes& payload) {
+    EXPECT_EQ(request, r.request);
+    EXPECT_EQ(ifName, r.ifName);
+    EXPECT_EQ(flags, r.flags);
+    EXPECT_EQ(payload.size(), r.length);
+    EXPECT_EQ(toHex(payload.data(), payload.size()), toHex(r.payload.data(), r.payload.size()));
 }
 
 class WlanTest : public ::testing::Test {
@@ -70,12 +89,16 @@ class WlanTest : public ::testing::Test {
     FakeOs& fake() { return scope_.fake; }
     std::string profile() { return fake().readFile(MTK_DAT_PATH); }
     std::string datPath() { return fake().rooted(MTK_DAT_PATH); }
-    std::vector<std::string> errors() { return errorTexts(fake().takeStdout()); }
-    // The profile with one whole line replaced.
-    static std::string withLine(std::string text, const std::string& from, const std::string& to) {
-        size_t at = text.find(from);
-        EXPECT_NE(at, std::string::npos) << from;
-        return at == std::string::npos ? text : text.replace(at, from.size(), to);
+    Lines errors() { return errorTexts(fake().takeStdout()); }
+    // `text` with each `from` (first occurrence, which must exist) replaced by its `to`.
+    static std::string edited(std::string text,
+                              std::initializer_list<std::pair<std::string, std::string>> edits) {
+        for (const auto& [from, to] : edits) {
+            size_t at = text.find(from);
+            EXPECT_NE(std::string::npos, at) << from;
+            text = at == std::string::npos ? text : text.replace(at, from.size(), to);
+        }
+        return text;
     }
 
     FakeOsScope scope_;
