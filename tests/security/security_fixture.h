@@ -1,0 +1,94 @@
+// Helpers of the security tests: error lines, payload bytes as hex, and the `openssl`
+// command-line tool as the independent implementation our RSA is checked against.
+#pragma once
+
+#include "fake_os.h"
+#include "security/mesh_rsa.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <regex>
+#include <string>
+
+// True when `out` is exactly one line "[MESH][ERROR](<func>) <5 digits>: <text>\r\n".
+inline bool errorLine(const std::string& out, const std::string& func, const std::string& text) {
+    const std::string head = "[MESH][ERROR](" + func + ") ";
+    return out.size() == head.size() + 7 + text.size() + 2 && out.rfind(head, 0) == 0 &&
+           std::regex_match(out.substr(head.size(), 7), std::regex("[0-9]{5}: ")) &&
+           out.compare(head.size() + 7, std::string::npos, text + "\r\n") == 0;
+}
+
+// Lowercase hex of a record, to compare with a hex text written by hand (blanks ignored).
+template <typename T> std::string hexOf(const T& v) {
+    return toHex(&v, sizeof v);
+}
+inline std::string hex(const std::string& spaced) {
+    Bytes b = hexBytes(spaced);
+    return toHex(b.data(), b.size());
+}
+
+// A temporary directory in which the test runs the `openssl` tool.
+class OpensslDir {
+  public:
+    OpensslDir() {
+        char tmpl[] = "/tmp/zormesh-openssl-XXXXXX";
+        dir_ = mkdtemp(tmpl) != nullptr ? tmpl : "/nonexistent";
+    }
+    ~OpensslDir() { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+    // Runs `cmd` in the directory; true when it exited with 0.
+    bool run(const std::string& cmd) const {
+        return std::system(("cd '" + dir_ + "' && " + cmd + " 2>>stderr.txt").c_str()) == 0;
+    }
+    Bytes read(const std::string& name) const {
+        std::ifstream in(dir_ + "/" + name, std::ios::binary);
+        return Bytes(std::istreambuf_iterator<char>(in), {});
+    }
+    void write(const std::string& name, const Bytes& bytes) const {
+        std::ofstream(dir_ + "/" + name, std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
+    }
+
+    // `openssl genrsa` of 1024 bits into `name`; n and d read back from `openssl rsa -text`
+    // into a key record (e = 65537, no CRT parameters).
+    bool genrsa(const std::string& name, MESH_RSA_KEY* key) const {
+        if (!run("openssl genrsa -out " + name + " 1024") ||
+            !run("openssl rsa -in " + name + " -text -noout > key.txt")) {
+            return false;
+        }
+        const Bytes raw = read("key.txt");
+        const std::string text(raw.begin(), raw.end());
+        auto number = [&](const std::string& field) { // the indented hex lines under "field:"
+            std::smatch m;
+            std::regex_search(text, m, std::regex("\n" + field + ":\n((?: +[0-9a-f:]+\n)+)"));
+            Bytes b = hexBytes(m[1].str());
+            b.erase(b.begin(), std::find_if(b.begin(), b.end(), [](uint8_t x) { return x != 0; }));
+            return b;
+        };
+        const Bytes nb = number("modulus"), db = number("privateExponent");
+        if (nb.size() != 128 || db.empty() || db.size() > 128) {
+            return false;
+        }
+        memset(key, 0, sizeof *key);
+        memcpy(key->modulus, nb.data(), 128);
+        key->modulusLen = 128;
+        memcpy(key->publicExponent, "\x01\x00\x01", 3);
+        memcpy(key->privateExponent, db.data(), db.size());
+        key->privateExponentLen = static_cast<uint16_t>(db.size());
+        return true;
+    }
+    // The public key (n of `key`, e = 65537) as a DER SubjectPublicKeyInfo made by
+    // `openssl asn1parse -genconf`, for `openssl pkeyutl -pubin`.
+    bool writePublicDer(const std::string& name, const MESH_RSA_KEY& key) const {
+        std::ofstream(dir_ + "/" + name + ".cnf")
+            << "asn1=SEQUENCE:spki\n[spki]\nalgorithm=SEQUENCE:alg\nkey=BITWRAP,SEQUENCE:rsakey\n"
+               "[alg]\noid=OID:rsaEncryption\nparams=NULL\n[rsakey]\nn=INTEGER:0x"
+            << toHex(key.modulus, key.modulusLen) << "\ne=INTEGER:0x010001\n";
+        return run("openssl asn1parse -genconf " + name + ".cnf -noout -out " + name);
+    }
+
+  private:
+    std::string dir_;
+};
