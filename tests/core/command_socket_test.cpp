@@ -1,14 +1,40 @@
-// The command server over real Unix sockets: framing, lengths, stalled clients, the socket.
-#include "core_fixture.h"
-
+// The command socket over real Unix sockets: framing, lengths, stalled clients, the socket
+// file, and zormeshctl talking to the daemon's real command server.
+#include "core/mesh_config.h"
 #include "core/mesh_main.h"
+#include "core/mesh_msg.h"
+#include "fake_os.h"
 #include "platform/byteorder.h"
+#include "platform/unix_sock.h"
 
 #include <climits>
+#include <cstdio>
+#include <cstring>
 #include <future>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
+
+// The fake system and the daemon's command server (a socket under the fake's root), opened
+// as start-up opens it.
+class CommandSocket : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        mesh_config_reset();
+        ASSERT_EQ(0, unix_sock_initSrv(MESH_CMD_SRV_ID, &ctx_, MESH_CMD_SRV_BACKLOG));
+    }
+    void TearDown() override { close(ctx_.listenFd); }
+    int listenFd() const { return ctx_.listenFd; }
+    std::string path() { return s.fake.rooted("/var/run/usock/21.sock"); }
+
+    FakeOsScope s;
+    UNIX_SOCK_SRV_CTX ctx_{};
+};
 
 class CommandServer : public CommandSocket {
   protected:
@@ -70,24 +96,22 @@ TEST_F(CommandServer, EveryTypeGetsOneWholeReplyAndUnservedTypesComeBackUnchange
 }
 
 TEST_F(CommandServer, BrokenHeaderOrWrongLengthGetsNoReplyAndIsLogged) {
-    const struct {
-        uint32_t magic, len;
-        std::string error;
-    } cases[] = {
-        {UNIX_SOCK_MAGIC, 1455, "len(1455) is invalid.\r\n"},
-        {UNIX_SOCK_MAGIC, 1457, "len(1457) is invalid.\r\n"},
-        {UNIX_SOCK_MAGIC, 0, "len(0) is invalid.\r\n"},
-        {0x12345678u, MESH_CMD_MSG_LEN, "unix_sock_recvHeader failed!\r\n"},
-    };
-    for (const auto& c : cases) {
+    const std::pair<uint32_t, uint32_t> headers[] = {{UNIX_SOCK_MAGIC, 1455},
+                                                     {UNIX_SOCK_MAGIC, 1457},
+                                                     {UNIX_SOCK_MAGIC, 0},
+                                                     {0x12345678u, 1456}};
+    for (auto [magic, len] : headers) {
+        const std::string error = magic != UNIX_SOCK_MAGIC
+                                      ? "unix_sock_recvHeader failed!\r\n"
+                                      : "len(" + std::to_string(len) + ") is invalid.\r\n";
         s.fake.takeStdout();
         int fd = connectClient();
-        sendHeader(fd, c.len, c.magic);
+        sendHeader(fd, len, magic);
         uint8_t body[1457] = {};
-        send(fd, body, c.len, MSG_NOSIGNAL);
+        send(fd, body, len, MSG_NOSIGNAL);
         EXPECT_EQ(0u, mesh_receive_cmd(listenFd()));
-        EXPECT_EQ("", readAll(fd)) << c.error;
-        EXPECT_NE(std::string::npos, s.fake.stdoutText().find(c.error)) << s.fake.stdoutText();
+        EXPECT_EQ("", readAll(fd)) << error;
+        EXPECT_NE(std::string::npos, s.fake.stdoutText().find(error)) << s.fake.stdoutText();
     }
 }
 
@@ -120,6 +144,61 @@ TEST_F(CommandServer, StalledOrVanishedClientsDoNotStopTheNextOne) {
     int next = request(msg);
     mesh_receive_cmd(listenFd());
     EXPECT_EQ(16u + MESH_CMD_MSG_LEN, readAll(next).size());
+}
+
+struct CtlRun {
+    int status;
+    std::string out;
+};
+
+CtlRun ctl(const std::string& args) {
+    FILE* p =
+        popen((std::string(ZORMESH_BIN_DIR) + "/zormeshctl " + args + " 2>/dev/null").c_str(), "r");
+    CtlRun r{-1, ""};
+    for (int c; p != nullptr && (c = fgetc(p)) != EOF;) {
+        r.out += static_cast<char>(c);
+    }
+    int st = p != nullptr ? pclose(p) : -1;
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+class Zormeshctl : public CommandSocket {
+  protected:
+    std::string sock() { return "--socket " + path() + " "; }
+};
+
+TEST_F(Zormeshctl, PrintsTheWholeReplyAsOneHexLine) {
+    auto server = std::async(std::launch::async, [this] { mesh_receive_cmd(listenFd()); });
+    CtlRun r = ctl(sock() + "raw 23 'de ad:BE EF 01'");
+    server.get();
+    ASSERT_EQ(0, r.status);
+    // type 23 little-endian, reserved zero, the payload as given, zero-filled to 1456 bytes.
+    EXPECT_EQ("17000000"
+              "00000000"
+              "deadbeef01" +
+                  std::string(2 * 1443, '0') + "\n",
+              r.out);
+}
+
+TEST_F(Zormeshctl, ExitStatusTellsWhatHappened) {
+    auto server =
+        std::async(std::launch::async, [this] { close(accept(listenFd(), nullptr, nullptr)); });
+    CtlRun closed = ctl(sock() + "raw 13");
+    server.get();
+    EXPECT_EQ(3, closed.status) << "the daemon closed the connection without a reply";
+    EXPECT_EQ("", closed.out);
+
+    EXPECT_EQ(2, ctl("--socket " + s.fake.rooted("/nothing.sock") + " raw 13").status);
+    const std::string tooLong = "raw 13 " + std::string(2 * 1449, 'a');
+    for (const std::string& bad :
+         {std::string("raw"), std::string("raw x13"), std::string("raw 13 abc"), tooLong}) {
+        EXPECT_EQ(1, ctl(sock() + bad).status) << bad;
+    }
+    CtlRun help = ctl("--help");
+    EXPECT_EQ(0, help.status);
+    EXPECT_NE(std::string::npos, help.out.find("usage: zormeshctl [--socket PATH] raw TYPE [HEX]"));
+    EXPECT_NE(std::string::npos, help.out.find("/var/run/usock/21.sock"));
 }
 
 } // namespace
