@@ -17,14 +17,12 @@ using Lines = std::vector<std::string>;
 inline std::string realisticProfile() {
     return "#The word of \"Default\" must not be removed\n"
            "Default\n"
-           "CountryRegionABand=7\n"
            "BssidNum=4\n"
            "SSID=\n"
            "SSID1=HomeNet-5G\n"
            "SSID2=Guest 5G\r\n"
            "SSID3=\n"
            "SSID4=mesh_000000000000\n"
-           "WirelessMode=14\n"
            "# radio\n"
            "HT_BW=1\n"
            "VHT_BW=1\n"
@@ -47,13 +45,9 @@ inline std::string realisticProfile() {
 // The text behind the "[MESH][ERROR](func) NNNNN: " prefix of each error line.
 inline Lines errorTexts(const std::string& out) {
     Lines texts;
-    size_t pos = 0;
-    while (pos < out.size()) {
-        size_t end = out.find("\r\n", pos);
-        std::string line = out.substr(pos, end == std::string::npos ? end : end - pos);
-        size_t colon = line.find(": ");
-        texts.push_back(colon == std::string::npos ? line : line.substr(colon + 2));
-        pos = end == std::string::npos ? out.size() : end + 2;
+    for (size_t pos = 0, end; (end = out.find("\r\n", pos)) != std::string::npos; pos = end + 2) {
+        const size_t text = out.find(": ", pos) + 2;
+        texts.push_back(out.substr(text, end - text));
     }
     return texts;
 }
