@@ -7,7 +7,6 @@
 #include "platform/wireless.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -153,24 +152,20 @@ TEST_F(RadioTest, SwitchingInterfacesOnAndOffAndCreatingTheStation) {
 TEST_F(RadioTest, LabelAndChildrenGoToTheDriverAsWholeRecords) {
     const std::string label = "5a13c7029e41b86d33f0278ad4690be5";
     EXPECT_EQ(0u, mesh_wlan_setLabel(hexBytes(label).data()));
-    std::string recHex; // 280 bytes 01 04 07 ...
-    for (int i = 0; i < 280; ++i) {
-        recHex += toHex(std::array<uint8_t, 1>{static_cast<uint8_t>(i * 3 + 1)}.data(), 1);
-    }
     MESH_CHILD_RECORD rec;
-    memcpy(&rec, hexBytes(recHex).data(), sizeof rec);
+    auto* recBytes = reinterpret_cast<uint8_t*>(&rec);
+    for (size_t i = 0; i < sizeof rec; ++i) {
+        recBytes[i] = static_cast<uint8_t>(i * 3 + 1); // 01 04 07 ...
+    }
     EXPECT_EQ(0u, mesh_wlan_addChild(&rec));
-    const uint8_t child[6] = {0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0xee};
-    const uint8_t none[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
-    const uint8_t zero[6] = {};
-    const uint8_t sta[6] = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0xff};
-    EXPECT_EQ(0u, mesh_wlan_delChild(child, none)); // no station to disconnect
-    EXPECT_EQ(0u, mesh_wlan_delChild(child, zero)); // a child never heard: disconnected too
-    EXPECT_EQ(0u, mesh_wlan_delChild(child, sta));
+    const Bytes child = hexBytes("02aabbccddee"), sta = hexBytes("0a1b2c3d4eff");
+    EXPECT_EQ(0u, mesh_wlan_delChild(child.data(), hexBytes("ffffffffffff").data())); // no station
+    EXPECT_EQ(0u, mesh_wlan_delChild(child.data(), Bytes(6, 0).data())); // never heard: kicked too
+    EXPECT_EQ(0u, mesh_wlan_delChild(child.data(), sta.data()));
     auto reqs = fake().ioctls();
     ASSERT_EQ(5u, reqs.size());
     expectRequest(reqs[0], 0x8BF5, "rai3", 3, hexBytes(label));
-    expectRequest(reqs[1], 0x8BF5, "rai3", 1, hexBytes(recHex));
+    expectRequest(reqs[1], 0x8BF5, "rai3", 1, Bytes(recBytes, recBytes + 280)); // unchanged
     for (size_t i = 2; i < 5; ++i) {
         expectRequest(reqs[i], 0x8BF5, "rai3", 2,
                       hexBytes("02aabbccddee" + std::string(2 * 274, '0')));
@@ -184,7 +179,7 @@ TEST_F(RadioTest, LabelAndChildrenGoToTheDriverAsWholeRecords) {
     fake().onIoctl(0x8BF5, [](FakeOs::Ioctl&) { return ENODEV; });
     EXPECT_EQ(1u, mesh_wlan_setLabel(hexBytes(label).data()));
     EXPECT_EQ(1u, mesh_wlan_addChild(&rec));
-    EXPECT_EQ(1u, mesh_wlan_delChild(child, sta));
+    EXPECT_EQ(1u, mesh_wlan_delChild(child.data(), sta.data()));
     EXPECT_EQ((Lines{"call RTPRIV_IOCTL_MESH fail(No such device)", "call RTPRIV_IOCTL_MESH fail",
                      "call RTPRIV_IOCTL_MESH fail"}),
               errors());
@@ -193,11 +188,11 @@ TEST_F(RadioTest, LabelAndChildrenGoToTheDriverAsWholeRecords) {
     fake().clearRecords();
     EXPECT_EQ(1u, mesh_wlan_setLabel(nullptr));
     EXPECT_EQ(1u, mesh_wlan_addChild(nullptr));
-    EXPECT_EQ(1u, mesh_wlan_delChild(nullptr, sta));
+    EXPECT_EQ(1u, mesh_wlan_delChild(nullptr, sta.data()));
     EXPECT_EQ(1u, mesh_wlan_kickSta(nullptr));
     EXPECT_TRUE(fake().ioctls().empty());
     fake().onIoctl(0x8BF5, [](FakeOs::Ioctl&) { return 0; });
-    EXPECT_EQ(1u, mesh_wlan_delChild(child, nullptr));
+    EXPECT_EQ(1u, mesh_wlan_delChild(child.data(), nullptr));
     EXPECT_EQ(1u, fake().ioctls().size());
     EXPECT_TRUE(fake().shellLines().empty());
 }
