@@ -79,14 +79,11 @@ class OpensslDir {
         key->privateExponentLen = static_cast<uint16_t>(db.size());
         return true;
     }
-    // The public key (n of `key`, e = 65537) as a DER SubjectPublicKeyInfo made by
-    // `openssl asn1parse -genconf`, for `openssl pkeyutl -pubin`.
-    bool writePublicDer(const std::string& name, const MESH_RSA_KEY& key) const {
-        std::ofstream(dir_ + "/" + name + ".cnf")
-            << "asn1=SEQUENCE:spki\n[spki]\nalgorithm=SEQUENCE:alg\nkey=BITWRAP,SEQUENCE:rsakey\n"
-               "[alg]\noid=OID:rsaEncryption\nparams=NULL\n[rsakey]\nn=INTEGER:0x"
-            << toHex(key.modulus, key.modulusLen) << "\ne=INTEGER:0x010001\n";
-        return run("openssl asn1parse -genconf " + name + ".cnf -noout -out " + name);
+    // The public key (n of `key`, e = 65537) as a DER SubjectPublicKeyInfo for `openssl pkeyutl
+    // -pubin -keyform DER`: the fixed header of a 1024-bit RSA key, a sign byte, n, then e.
+    void writePublicDer(const std::string& name, const MESH_RSA_KEY& key) const {
+        write(name, hexBytes("30819f300d06092a864886f70d010101050003818d0030818902818100" +
+                             toHex(key.modulus, 128) + "0203010001"));
     }
 
   private:
