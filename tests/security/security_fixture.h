@@ -6,19 +6,19 @@
 #include "security/mesh_rsa.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <regex>
 #include <string>
 
 // True when `out` is exactly one line "[MESH][ERROR](<func>) <5 digits>: <text>\r\n".
 inline bool errorLine(const std::string& out, const std::string& func, const std::string& text) {
     const std::string head = "[MESH][ERROR](" + func + ") ";
     return out.size() == head.size() + 7 + text.size() + 2 && out.rfind(head, 0) == 0 &&
-           std::regex_match(out.substr(head.size(), 7), std::regex("[0-9]{5}: ")) &&
-           out.compare(head.size() + 7, std::string::npos, text + "\r\n") == 0;
+           std::all_of(out.begin() + head.size(), out.begin() + head.size() + 5, ::isdigit) &&
+           out.compare(head.size() + 5, std::string::npos, ": " + text + "\r\n") == 0;
 }
 
 // Lowercase hex of a record, to compare with a hex text written by hand (blanks ignored).
@@ -61,9 +61,15 @@ class OpensslDir {
         const Bytes raw = read("key.txt");
         const std::string text(raw.begin(), raw.end());
         auto number = [&](const std::string& field) { // the indented hex lines under "field:"
-            std::smatch m;
-            std::regex_search(text, m, std::regex("\n" + field + ":\n((?: +[0-9a-f:]+\n)+)"));
-            Bytes b = hexBytes(m[1].str());
+            std::string digits;
+            size_t p = text.find("\n" + field + ":\n");
+            p = p == std::string::npos ? text.size() : p + field.size() + 3;
+            for (size_t end; p < text.size() && text[p] == ' ' &&
+                             (end = text.find('\n', p)) != std::string::npos;
+                 p = end + 1) {
+                digits += text.substr(p, end - p);
+            }
+            Bytes b = hexBytes(digits);
             b.erase(b.begin(), std::find_if(b.begin(), b.end(), [](uint8_t x) { return x != 0; }));
             return b;
         };
