@@ -1,4 +1,5 @@
-// The event log: stamps, line ends, the 64 KiB rule, and a log that cannot be opened.
+// The event log (stamps, line ends, the 64 KiB rule, a log that cannot be opened) and the
+// error log's line format.
 #include "core/mesh_log.h"
 #include "fake_os.h"
 
@@ -6,8 +7,6 @@
 #include <ctime>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -27,8 +26,6 @@ class EventLog : public ::testing::Test {
     FakeOsScope s;
 };
 
-} // namespace
-
 TEST_F(EventLog, OpeningTruncatesAndLinesCarryLocalStampAndCrlf) {
     s.fake.writeFile("/tmp/zormesh.log", "left from an earlier run\r\n");
     ASSERT_EQ(0, mesh_log_open());
@@ -46,9 +43,8 @@ TEST_F(EventLog, OpeningTruncatesAndLinesCarryLocalStampAndCrlf) {
 TEST_F(EventLog, StartsAgainEmptyOnlyAfterPassing65536Bytes) {
     ASSERT_EQ(0, mesh_log_open());
     // 21-byte stamp + 41 characters + CRLF = 64 bytes: 1024 lines are exactly 65536 bytes.
-    const std::string text(41, 'x');
     for (int i = 0; i < 1024; ++i) {
-        MESH_EVENT("%s", text.c_str());
+        MESH_EVENT("%s", std::string(41, 'x').c_str());
     }
     EXPECT_EQ(65536u, log().size()) << "exactly 65536 bytes does not trigger";
     MESH_EVENT("%s", "the line that passes the limit");
@@ -58,12 +54,11 @@ TEST_F(EventLog, StartsAgainEmptyOnlyAfterPassing65536Bytes) {
 }
 
 TEST_F(EventLog, UnopenableLogIsReportedAndLinesAreDropped) {
-    // Put a plain file where the log's directory should be.
+    // A plain file where the log's directory should be.
     std::string tmpDir = s.fake.rooted("/tmp");
     ASSERT_EQ(0, system(("rm -rf '" + tmpDir + "' && touch '" + tmpDir + "'").c_str()));
     EXPECT_EQ(1, mesh_log_open());
-    EXPECT_NE(std::string::npos, s.fake.stdoutText().find("(mesh_log_open) "))
-        << s.fake.stdoutText();
+    EXPECT_NE(std::string::npos, s.fake.stdoutText().find("(mesh_log_open) "));
     EXPECT_NE(std::string::npos, s.fake.stdoutText().find(": open log file failed\r\n"));
     MESH_EVENT("%s", "nobody sees this"); // must not crash
     EXPECT_EQ(nullptr, g_meshLog);
@@ -78,3 +73,5 @@ TEST(ErrorLog, PrefixFunctionLineAndCrlf) {
              line);
     EXPECT_EQ(expected, s.fake.stdoutText());
 }
+
+} // namespace

@@ -1,81 +1,54 @@
 // Mesh element updates: the element records exactly as the driver receives them.
-#include "wlan/mesh_wlan_ie.h"
-
 #include "radio_fixture.h"
+
+#include "wlan/mesh_wlan_ie.h"
 
 #include <cstring>
 
 namespace {
 
-const char* const kBeacon = "02 5a 13 c7 02 9e 41 b8 6d 33 f0 27 8a d4 69 0b e5 01"
-                            "00 11 22 33 44 55";
+using IeTest = RadioTest;
 
-template <typename T> T fromHex(const char* hex) {
-    Bytes b = hexBytes(hex);
+const std::string kBeacon = "02 5a13c7029e41b86d33f0278ad4690be5 01 001122334455";
+
+std::string zeros(size_t n) {
+    return std::string(2 * n, '0');
+}
+template <typename T> T fromHex(const std::string& text) {
+    Bytes b = hexBytes(text);
     EXPECT_EQ(sizeof(T), b.size());
     T v;
     memcpy(&v, b.data(), sizeof v);
     return v;
 }
 
-Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const auto& p : parts) {
-        out.insert(out.end(), p.begin(), p.end());
-    }
-    return out;
-}
-
-void expectRequest(const FakeOs::IoctlRecord& r, const char* ifName, uint16_t flags,
-                   const Bytes& record) {
-    EXPECT_EQ(0x8BE1u, r.request);
-    EXPECT_EQ(ifName, r.ifName);
-    EXPECT_EQ(flags, r.flags);
-    EXPECT_EQ(267, r.length);
-    EXPECT_EQ(record, r.payload);
-}
-
-using IeTest = RadioTest;
-
-TEST_F(IeTest, BeaconElementOnAnOrdinaryApAndItsRemoval) {
+TEST_F(IeTest, BeaconAndStationElements) {
     auto beacon = fromHex<MESH_IE_BASIC>(kBeacon);
-    const Bytes record = cat({hexBytes("01 00 00 00  1b 00 00 00  02 5e a7  02  02 5e a7"),
-                              hexBytes(kBeacon), Bytes(228, 0)});
-    ASSERT_EQ(267u, record.size());
-
+    std::string probeHex; // 226 bytes 80 81 82 ...
+    for (int i = 0; i < 226; ++i) {
+        char b[3];
+        snprintf(b, sizeof b, "%02x", (0x80 + i) & 0xFF);
+        probeHex += b;
+    }
+    auto probe = fromHex<MESH_IE_PROBE_REQ>(probeHex);
     EXPECT_EQ(0u, mesh_wlan_updateNormalApBeacon("ra1", &beacon));
     EXPECT_EQ(0u, mesh_wlan_deleteNormalApBeacon("ra1", &beacon));
     EXPECT_EQ(0u, mesh_wlan_updateBkhApBeacon(&beacon));
-    auto reqs = fake.ioctls();
-    ASSERT_EQ(3u, reqs.size());
-    expectRequest(reqs[0], "ra1", 0x867E, record);
-    expectRequest(reqs[1], "ra1", 0x8680, record);
-    expectRequest(reqs[2], "rai3", 0x867E, record);
-    EXPECT_EQ("", fake.takeStdout());
-}
-
-TEST_F(IeTest, StationElementsForProbeAndAssociationRequests) {
-    MESH_IE_PROBE_REQ probe;
-    for (size_t i = 0; i < sizeof probe; ++i) {
-        reinterpret_cast<uint8_t*>(&probe)[i] = static_cast<uint8_t>(0x80 + i);
-    }
-    Bytes probeBytes(226);
-    for (size_t i = 0; i < probeBytes.size(); ++i) {
-        probeBytes[i] = static_cast<uint8_t>(0x80 + i);
-    }
+    EXPECT_EQ(0u, mesh_wlan_updateAssocReq(&beacon));
     EXPECT_EQ(0u, mesh_wlan_updateProbeReq(&probe));
-    auto assoc = fromHex<MESH_IE_BASIC>(kBeacon);
-    EXPECT_EQ(0u, mesh_wlan_updateAssocReq(&assoc));
 
-    auto reqs = fake.ioctls();
-    ASSERT_EQ(2u, reqs.size());
-    // ieLength 229; the payload's first byte is the vendor type; the last 26 bytes stay zero.
-    expectRequest(reqs[0], "apclii0", 0x867E,
-                  cat({hexBytes("02 00 00 00  e5 00 00 00  02 5e a7  80  02 5e a7"), probeBytes,
-                       Bytes(26, 0)}));
-    expectRequest(reqs[1], "apclii0", 0x867E,
-                  cat({hexBytes("08 00 00 00  1b 00 00 00  02 5e a7  02  02 5e a7"),
-                       hexBytes(kBeacon), Bytes(228, 0)}));
+    // Frame mask, ieLength = 3 + payload, OUI, vendor type, OUI again, payload, zeros to 267.
+    const std::string body = "1b000000 025ea7 02 025ea7" + kBeacon + zeros(228);
+    auto reqs = fake().ioctls();
+    ASSERT_EQ(5u, reqs.size());
+    expectRequest(reqs[0], 0x8BE1, "ra1", 0x867E, hexBytes("01000000" + body));
+    expectRequest(reqs[1], 0x8BE1, "ra1", 0x8680, hexBytes("01000000" + body));
+    expectRequest(reqs[2], 0x8BE1, "rai3", 0x867E, hexBytes("01000000" + body));
+    expectRequest(reqs[3], 0x8BE1, "apclii0", 0x867E, hexBytes("08000000" + body));
+    // The probe request: ieLength 229, the last 26 bytes of the body stay zero.
+    expectRequest(reqs[4], 0x8BE1, "apclii0", 0x867E,
+                  hexBytes("02000000 e5000000 025ea7 80 025ea7" + probeHex + zeros(26)));
+    EXPECT_TRUE(errors().empty());
 }
 
 TEST_F(IeTest, ProbeResponseInstalledWithType2ThenType3) {
@@ -85,63 +58,49 @@ TEST_F(IeTest, ProbeResponseInstalledWithType2ThenType3) {
     rsp.deviceMac[0] = 0x42;
     rsp.dataLen = 128;
     auto record = [](const char* type) {
-        return cat({hexBytes("04 00 00 00  9c 00 00 00  02 5e a7"), hexBytes(type),
-                    hexBytes("02 5e a7"), hexBytes(type), Bytes(17, 0), hexBytes("42"), Bytes(5, 0),
-                    hexBytes("80"), Bytes(128, 0), Bytes(255 - 3 - 153, 0)});
+        return "04000000 9c000000 025ea7" + std::string(type) + "025ea7" + type + zeros(17) + "42" +
+               zeros(5) + "80" + zeros(128 + 255 - 3 - 153);
     };
     EXPECT_EQ(0u, mesh_wlan_updateProbeRes(&rsp));
-    auto reqs = fake.ioctls();
+    auto reqs = fake().ioctls();
     ASSERT_EQ(2u, reqs.size());
-    expectRequest(reqs[0], "rai3", 0x867E, record("02"));
-    expectRequest(reqs[1], "rai3", 0x867E, record("03"));
+    expectRequest(reqs[0], 0x8BE1, "rai3", 0x867E, hexBytes(record("02")));
+    expectRequest(reqs[1], 0x8BE1, "rai3", 0x867E, hexBytes(record("03")));
     EXPECT_EQ(3, rsp.type);
 
-    // The first refused: no second request, the caller's byte holds 2.
-    fake.clearRecords();
-    int h = fake.failNth(FakeOs::Op::Ioctl, "0x8BE1 rai3", 1, EPERM);
-    EXPECT_EQ(1u, mesh_wlan_updateProbeRes(&rsp));
-    EXPECT_TRUE(fake.fired(h));
-    EXPECT_EQ(1u, fake.ioctls().size());
-    EXPECT_EQ(2, rsp.type);
-    EXPECT_TRUE(
-        errorLine(fake.takeStdout(), "mesh_wlan_updateProbeRes", "call RT_PRIV_IOCTL fail"));
-
-    // The second refused: both were tried, failure reported.
-    fake.clearRecords();
-    h = fake.failNth(FakeOs::Op::Ioctl, "0x8BE1 rai3", 2, EPERM);
-    EXPECT_EQ(1u, mesh_wlan_updateProbeRes(&rsp));
-    EXPECT_TRUE(fake.fired(h));
-    EXPECT_EQ(2u, fake.ioctls().size());
-    EXPECT_EQ(3, rsp.type);
-    EXPECT_TRUE(
-        errorLine(fake.takeStdout(), "mesh_wlan_updateProbeRes", "call RT_PRIV_IOCTL fail"));
+    // The first refused: no second request, the caller's byte holds 2. The second refused:
+    // both were tried, the failure is reported.
+    for (int nth : {1, 2}) {
+        fake().clearRecords();
+        fake().failNth(FakeOs::Op::Ioctl, "0x8BE1 rai3", nth, EPERM);
+        EXPECT_EQ(1u, mesh_wlan_updateProbeRes(&rsp));
+        EXPECT_EQ(size_t(nth), fake().ioctls().size());
+        EXPECT_EQ(nth + 1, rsp.type);
+        EXPECT_EQ(Lines{"call RT_PRIV_IOCTL fail"}, errors());
+    }
 }
 
 TEST_F(IeTest, RefusedRequestsAndMissingArguments) {
     auto beacon = fromHex<MESH_IE_BASIC>(kBeacon);
-    MESH_IE_PROBE_REQ probe;
-    memset(&probe, 0, sizeof probe);
-    fake.onIoctl(0x8BE1, [](FakeOs::Ioctl&) { return EOPNOTSUPP; });
+    MESH_IE_PROBE_REQ probe{};
+    fake().onIoctl(0x8BE1, [](FakeOs::Ioctl&) { return EOPNOTSUPP; });
     EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("ra0", &beacon));
-    EXPECT_TRUE(
-        errorLine(fake.takeStdout(), "mesh_wlan_updateNormalApBeacon", "call RT_PRIV_IOCTL fail"));
     EXPECT_EQ(1u, mesh_wlan_deleteNormalApBeacon("ra0", &beacon));
-    EXPECT_TRUE(
-        errorLine(fake.takeStdout(), "mesh_wlan_deleteNormalApBeacon", "call RT_PRIV_IOCTL fail"));
+    EXPECT_EQ(1u, mesh_wlan_updateBkhApBeacon(&beacon));
     EXPECT_EQ(1u, mesh_wlan_updateProbeReq(&probe));
-    EXPECT_TRUE(
-        errorLine(fake.takeStdout(), "mesh_wlan_updateProbeReq", "call RT_PRIV_IOCTL fail"));
     EXPECT_EQ(1u, mesh_wlan_updateAssocReq(&beacon));
-    EXPECT_TRUE(
-        errorLine(fake.takeStdout(), "mesh_wlan_updateAssocReq", "call RT_PRIV_IOCTL fail"));
-    EXPECT_EQ(4u, fake.ioctls().size());
+    EXPECT_EQ(Lines(5, "call RT_PRIV_IOCTL fail"), errors());
+    EXPECT_EQ(5u, fake().ioctls().size());
 
-    fake.clearRecords();
+    fake().clearRecords();
     EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("", &beacon));
     EXPECT_EQ(1u, mesh_wlan_deleteNormalApBeacon("ra0", nullptr));
+    EXPECT_EQ(1u, mesh_wlan_updateBkhApBeacon(nullptr));
+    EXPECT_EQ(1u, mesh_wlan_updateProbeReq(nullptr));
+    EXPECT_EQ(1u, mesh_wlan_updateAssocReq(nullptr));
     EXPECT_EQ(1u, mesh_wlan_updateProbeRes(nullptr));
-    EXPECT_TRUE(fake.ioctls().empty());
-    EXPECT_EQ("", fake.takeStdout());
+    EXPECT_TRUE(fake().ioctls().empty());
+    EXPECT_TRUE(errors().empty());
 }
 
 } // namespace

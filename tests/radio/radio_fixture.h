@@ -1,23 +1,7 @@
-// A started driver adapter on the fake system: backhaul AP rai3, mesh station apclii0.
+// The radio tests share the driver adapter's fixture: the fake system with real sed, a
+// realistic profile, backhaul AP rai3 and mesh station apclii0, and the request check.
 #pragma once
 
-#include "wlan/mesh_wlan.h"
+#include "../wlan/wlan_fixture.h"
 
-#include "../security/error_line.h"
-#include "fake_os.h"
-
-#include <gtest/gtest.h>
-
-class RadioTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        mesh_wlan_resetForTest();
-        ASSERT_EQ(0u, mesh_api_init());
-        ASSERT_STREQ("rai3", g_bkhApIfName);
-        fake.clearRecords();
-    }
-    void TearDown() override { mesh_wlan_resetForTest(); }
-
-    FakeOsScope scope;
-    FakeOs& fake = scope.fake;
-};
+using RadioTest = WlanTest;

@@ -6,116 +6,105 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-using Lines = std::vector<std::string>;
+namespace {
+
 using ProfileLock = WlanTest;
 
-namespace {
 int semValue() {
     return semctl(g_datSemId, 0, GETVAL);
 }
-} // namespace
 
-TEST_F(ProfileLock, InitSetsTheLockFreeEvenWhileHeld) {
-    ASSERT_EQ(semValue(), 1);
-    ASSERT_EQ(_datSemLock(), 0);
-    EXPECT_EQ(semValue(), 0);
+// Runs `body` in a child process and returns its exit status (-1 when it did not exit).
+template <typename F> pid_t spawn(F body) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        _exit(body());
+    }
+    return pid;
+}
+int reap(pid_t pid) {
+    int status = 0;
+    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status)
+                                                                           : -1;
+}
+
+TEST_F(ProfileLock, TheKernelFreesADeadHoldersLockAndInitFreesItEvenWhileHeld) {
+    ASSERT_EQ(1, semValue());
+    EXPECT_EQ(0, reap(spawn([] { return _datSemLock(); }))); // dies holding the lock
+    ASSERT_EQ(1, semValue()) << "still held: the lock below would wait for ever";
+    ASSERT_EQ(0, _datSemLock());
+    EXPECT_EQ(0, semValue());
     int id = g_datSemId;
-    ASSERT_EQ(_initDatSem(), 0); // a restarted daemon opens the same set and frees it
-    EXPECT_EQ(g_datSemId, id);
-    EXPECT_EQ(semValue(), 1);
-    EXPECT_EQ(_datSemUnlock(), 0);
+    ASSERT_EQ(0, _initDatSem()); // a restarted daemon opens the same set and frees it
+    EXPECT_EQ(id, g_datSemId);
+    EXPECT_EQ(1, semValue());
+    EXPECT_EQ(0, _datSemUnlock());
     EXPECT_TRUE(errors().empty());
 }
 
 TEST_F(ProfileLock, SetupFailuresAreReported) {
     mesh_wlan_resetForTest();
-    int h = fake().failNth(FakeOs::Op::SemGet, "", 1, ENOSPC);
-    EXPECT_EQ(mesh_api_init(), 1u);
-    EXPECT_TRUE(fake().fired(h));
-    EXPECT_EQ(errors(), (Lines{"semget failed: No space left on device\n", "_initDatSem failed"}));
-    EXPECT_STREQ(g_bkhApIfName, "");
+    fake().failNth(FakeOs::Op::SemGet, "", 1, ENOSPC);
+    EXPECT_EQ(1u, mesh_api_init());
+    EXPECT_EQ((Lines{"semget failed: No space left on device\n", "_initDatSem failed"}), errors());
+    EXPECT_STREQ("", g_bkhApIfName);
 
-    h = fake().failNth(FakeOs::Op::SemSetVal, "", 1, EPERM);
-    EXPECT_EQ(_initDatSem(), -1);
-    EXPECT_TRUE(fake().fired(h));
-    EXPECT_EQ(errors(), Lines{"setctl setval 1 failed:Operation not permitted\n"});
-    EXPECT_EQ(semget(static_cast<key_t>(fake().semKey()), 0, 0), -1); // the set was removed
-    EXPECT_EQ(errno, ENOENT);
+    fake().failNth(FakeOs::Op::SemSetVal, "", 1, EPERM);
+    EXPECT_EQ(-1, _initDatSem());
+    EXPECT_EQ(Lines{"setctl setval 1 failed:Operation not permitted\n"}, errors());
+    EXPECT_EQ(-1, semget(static_cast<key_t>(fake().semKey()), 0, 0)) << "the set was removed";
+    EXPECT_EQ(ENOENT, errno);
 }
 
-TEST_F(ProfileLock, SignalsAreRetriedUpToThirtyAttempts) {
-    for (int i = 0; i < 29; ++i) {
-        fake().failNth(FakeOs::Op::SemOp, "", 1, EINTR);
-    }
-    EXPECT_EQ(_datSemLock(), 0);
-    EXPECT_EQ(errors(), Lines(29, "lock interrupted by signal"));
-    EXPECT_EQ(_datSemUnlock(), 0);
-    for (int i = 0; i < 31; ++i) {
-        fake().failNth(FakeOs::Op::SemOp, "", 1, EINTR);
-    }
-    EXPECT_EQ(_datSemLock(), -1);
-    EXPECT_EQ(errors(), Lines(30, "lock interrupted by signal"));
-    EXPECT_EQ(semValue(), 1); // never taken
-}
-
-TEST_F(ProfileLock, OtherLockErrorsStopAtOnce) {
+TEST_F(ProfileLock, SignalsAreRetriedUpToThirtyAttemptsOtherErrorsStopAtOnce) {
+    auto interrupt = [this](int times) {
+        for (int i = 0; i < times; ++i) {
+            fake().failNth(FakeOs::Op::SemOp, "", 1, EINTR);
+        }
+    };
+    interrupt(29);
+    EXPECT_EQ(0, _datSemLock());
+    EXPECT_EQ(Lines(29, "lock interrupted by signal"), errors());
+    EXPECT_EQ(0, _datSemUnlock());
+    interrupt(30);
+    EXPECT_EQ(-1, _datSemLock());
+    EXPECT_EQ(Lines(30, "lock interrupted by signal"), errors());
+    EXPECT_EQ(1, semValue()) << "never taken";
     fake().failNth(FakeOs::Op::SemOp, "", 1, EAGAIN);
-    EXPECT_EQ(_datSemLock(), -1);
+    EXPECT_EQ(-1, _datSemLock());
     fake().failNth(FakeOs::Op::SemOp, "", 1, EIDRM);
-    EXPECT_EQ(_datSemLock(), -1);
+    EXPECT_EQ(-1, _datSemLock());
     fake().failNth(FakeOs::Op::SemOp, "", 1, EINVAL);
-    EXPECT_EQ(_datSemUnlock(), -1);
-    EXPECT_EQ(errors(), (Lines{"timed out, errno=11 rc=-1", "lock failed, errno=43 rc=-1",
-                               "release lock failed, errno=22"}));
-}
-
-TEST_F(ProfileLock, TheKernelReleasesTheLockOfADeadHolder) {
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        _exit(_datSemLock() == 0 ? 0 : 1); // dies holding the lock
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_EQ(semValue(), 1);
+    EXPECT_EQ(-1, _datSemUnlock());
+    EXPECT_EQ((Lines{"timed out, errno=11 rc=-1", "lock failed, errno=43 rc=-1",
+                     "release lock failed, errno=22"}),
+              errors());
 }
 
 TEST_F(ProfileLock, TwoProcessesRewritingTheProfileLoseNoUpdate) {
     // sed -i replaces the file; without the lock one writer's rename drops the other's line.
     constexpr int kKeys = 25;
-    std::string text = realisticProfile();
+    std::string text = realisticProfile(), expect = text;
     for (int k = 0; k < kKeys; ++k) {
-        text += "KeyA" + std::to_string(k) + "=0\nKeyB" + std::to_string(k) + "=0\n";
+        const std::string n = std::to_string(k), v = std::to_string(1000 + k);
+        text += "KeyA" + n + "=0\nKeyB" + n + "=0\n";
+        expect += "KeyA" + n + "=" + v + "\nKeyB" + n + "=" + v + "\n";
     }
     fake().writeFile(MTK_DAT_PATH, text);
-    pid_t writers[2];
-    for (int w = 0; w < 2; ++w) {
-        writers[w] = fork();
-        ASSERT_GE(writers[w], 0);
-        if (writers[w] == 0) {
-            int failures = 0;
-            for (int k = 0; k < kKeys; ++k) {
-                std::string key = std::string(w == 0 ? "KeyA" : "KeyB") + std::to_string(k);
-                uint32_t v = 1000u + static_cast<uint32_t>(k);
-                failures +=
-                    _mtk_wlan_set(key.c_str(), nullptr, "rai3", &v, MTK_DATA_UINT32, MTK_APPLY_DAT);
-            }
-            _exit(failures);
+    auto writer = [](const char* side) {
+        int failures = 0;
+        for (uint32_t k = 0, v = 1000; k < kKeys; ++k, ++v) {
+            failures += _mtk_wlan_set((side + std::to_string(k)).c_str(), nullptr, "rai3", &v,
+                                      MTK_DATA_UINT32, MTK_APPLY_DAT);
         }
-    }
-    for (pid_t pid : writers) {
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    const std::string result = profile();
-    for (int k = 0; k < kKeys; ++k) {
-        for (const char* side : {"KeyA", "KeyB"}) {
-            std::string line = "\n" + std::string(side) + std::to_string(k) + "=" +
-                               std::to_string(1000 + k) + "\n";
-            EXPECT_NE(result.find(line), std::string::npos) << line;
-        }
-    }
-    EXPECT_EQ(semValue(), 1);
+        return failures;
+    };
+    pid_t a = spawn([&] { return writer("KeyA"); });
+    pid_t b = spawn([&] { return writer("KeyB"); });
+    EXPECT_EQ(0, reap(a));
+    EXPECT_EQ(0, reap(b));
+    EXPECT_EQ(expect, profile());
+    EXPECT_EQ(1, semValue());
 }
+
+} // namespace

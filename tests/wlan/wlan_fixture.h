@@ -10,19 +10,19 @@
 #include <string>
 #include <vector>
 
+using Lines = std::vector<std::string>;
+
 // A profile as the driver ships it: header and comments, plain keys, the indexed SSID and
 // WPAPSK keys with their bare base keys, per-VAP lists for 4 VAPs, and CRLF lines.
 inline std::string realisticProfile() {
     return "#The word of \"Default\" must not be removed\n"
            "Default\n"
-           "CountryRegionABand=7\n"
            "BssidNum=4\n"
            "SSID=\n"
            "SSID1=HomeNet-5G\n"
            "SSID2=Guest 5G\r\n"
            "SSID3=\n"
            "SSID4=mesh_000000000000\n"
-           "WirelessMode=14\n"
            "# radio\n"
            "HT_BW=1\n"
            "VHT_BW=1\n"
@@ -43,17 +43,30 @@ inline std::string realisticProfile() {
 }
 
 // The text behind the "[MESH][ERROR](func) NNNNN: " prefix of each error line.
-inline std::vector<std::string> errorTexts(const std::string& out) {
-    std::vector<std::string> texts;
-    size_t pos = 0;
-    while (pos < out.size()) {
-        size_t end = out.find("\r\n", pos);
-        std::string line = out.substr(pos, end == std::string::npos ? end : end - pos);
-        size_t colon = line.find(": ");
-        texts.push_back(colon == std::string::npos ? line : line.substr(colon + 2));
-        pos = end == std::string::npos ? out.size() : end + 2;
+inline Lines errorTexts(const std::string& out) {
+    Lines texts;
+    for (size_t pos = 0, end; (end = out.find("\r\n", pos)) != std::string::npos; pos = end + 2) {
+        const size_t text = out.find(": ", pos) + 2;
+        texts.push_back(out.substr(text, end - text));
     }
     return texts;
+}
+
+// Lowercase hex without separators of a hex text written with blanks, to compare with toHex().
+inline std::string hex(const std::string& spaced) {
+    Bytes b = hexBytes(spaced);
+    return toHex(b.data(), b.size());
+}
+
+// One recorded driver request: number, interface, sub-command flags, and the payload handed in
+// (the length is the payload's).
+inline void expectRequest(const FakeOs::IoctlRecord& r, unsigned long request, const char* ifName,
+                          uint16_t flags, const Bytes& payload) {
+    EXPECT_EQ(request, r.request);
+    EXPECT_EQ(ifName, r.ifName);
+    EXPECT_EQ(flags, r.flags);
+    EXPECT_EQ(payload.size(), r.length);
+    EXPECT_EQ(toHex(payload.data(), payload.size()), toHex(r.payload.data(), r.payload.size()));
 }
 
 class WlanTest : public ::testing::Test {
@@ -70,12 +83,16 @@ class WlanTest : public ::testing::Test {
     FakeOs& fake() { return scope_.fake; }
     std::string profile() { return fake().readFile(MTK_DAT_PATH); }
     std::string datPath() { return fake().rooted(MTK_DAT_PATH); }
-    std::vector<std::string> errors() { return errorTexts(fake().takeStdout()); }
-    // The profile with one whole line replaced.
-    static std::string withLine(std::string text, const std::string& from, const std::string& to) {
-        size_t at = text.find(from);
-        EXPECT_NE(at, std::string::npos) << from;
-        return at == std::string::npos ? text : text.replace(at, from.size(), to);
+    Lines errors() { return errorTexts(fake().takeStdout()); }
+    // `text` with each `from` (first occurrence, which must exist) replaced by its `to`.
+    static std::string edited(std::string text,
+                              std::initializer_list<std::pair<std::string, std::string>> edits) {
+        for (const auto& [from, to] : edits) {
+            size_t at = text.find(from);
+            EXPECT_NE(std::string::npos, at) << from;
+            text = at == std::string::npos ? text : text.replace(at, from.size(), to);
+        }
+        return text;
     }
 
     FakeOsScope scope_;

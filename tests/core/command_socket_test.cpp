@@ -1,0 +1,204 @@
+// The command socket over real Unix sockets: framing, lengths, stalled clients, the socket
+// file, and zormeshctl talking to the daemon's real command server.
+#include "core/mesh_config.h"
+#include "core/mesh_main.h"
+#include "core/mesh_msg.h"
+#include "fake_os.h"
+#include "platform/byteorder.h"
+#include "platform/unix_sock.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <future>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// The fake system and the daemon's command server (a socket under the fake's root), opened
+// as start-up opens it.
+class CommandSocket : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        mesh_config_reset();
+        ASSERT_EQ(0, unix_sock_initSrv(MESH_CMD_SRV_ID, &ctx_, MESH_CMD_SRV_BACKLOG));
+    }
+    void TearDown() override { close(ctx_.listenFd); }
+    int listenFd() const { return ctx_.listenFd; }
+    std::string path() { return s.fake.rooted("/var/run/usock/21.sock"); }
+
+    FakeOsScope s;
+    UNIX_SOCK_SRV_CTX ctx_{};
+};
+
+class CommandServer : public CommandSocket {
+  protected:
+    int connectClient() {
+        int fd = unix_sock_connectPath(path().c_str());
+        EXPECT_GE(fd, 0);
+        return fd;
+    }
+    static void sendHeader(int fd, uint32_t len, uint32_t magic = UNIX_SOCK_MAGIC) {
+        const uint32_t h[4] = {magic, 16, len, 0}; // little-endian words on this host
+        ASSERT_EQ(16, send(fd, h, 16, MSG_NOSIGNAL));
+    }
+    // Everything received until the server closes.
+    static std::string readAll(int fd) {
+        std::string out;
+        char buf[4096];
+        for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) {
+            out.append(buf, static_cast<size_t>(n));
+        }
+        close(fd);
+        return out;
+    }
+    // A client that sends a whole request and leaves `fd` open for the reply.
+    int request(const uint8_t* msg) {
+        int fd = connectClient();
+        sendHeader(fd, MESH_CMD_MSG_LEN);
+        EXPECT_EQ(MESH_CMD_MSG_LEN, send(fd, msg, MESH_CMD_MSG_LEN, MSG_NOSIGNAL));
+        return fd;
+    }
+};
+
+TEST_F(CommandServer, EveryTypeGetsOneWholeReplyAndUnservedTypesComeBackUnchanged) {
+    struct stat st {};
+    ASSERT_EQ(0, stat(path().c_str(), &st));
+    EXPECT_EQ(0140600u, st.st_mode & 0170777) << "a socket only its owner may use";
+
+    for (int32_t type : {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12,      13,     14,
+                         15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, -1, INT_MIN, INT_MAX}) {
+        uint8_t msg[MESH_CMD_MSG_LEN];
+        for (int i = 0; i < MESH_CMD_MSG_LEN; ++i) {
+            msg[i] = static_cast<uint8_t>(i * 7 + 3);
+        }
+        put_le32(msg, static_cast<uint32_t>(type));
+        s.fake.takeStdout();
+        int fd = request(msg);
+        uint32_t rc = mesh_receive_cmd(listenFd());
+        std::string reply = readAll(fd);
+        ASSERT_EQ(16u + MESH_CMD_MSG_LEN, reply.size()) << "type " << type;
+        const auto* r = reinterpret_cast<const uint8_t*>(reply.data());
+        EXPECT_EQ(hexBytes("55 53 43 4b  10 00 00 00  b0 05 00 00"), Bytes(r, r + 12));
+        EXPECT_EQ(0, memcmp(r + 16, msg, 8)) << "type and reserved word come back";
+        if (type < 1 || type > 24 || type == 23) {
+            EXPECT_EQ(1u, rc);
+            EXPECT_EQ(0, memcmp(r + 16, msg, MESH_CMD_MSG_LEN)) << "type " << type;
+            EXPECT_NE(std::string::npos, s.fake.stdoutText().find("unsupported command type\r\n"));
+        }
+    }
+    EXPECT_EQ(1u, mesh_cmd_handle(nullptr));
+}
+
+TEST_F(CommandServer, BrokenHeaderOrWrongLengthGetsNoReplyAndIsLogged) {
+    const std::pair<uint32_t, uint32_t> headers[] = {{UNIX_SOCK_MAGIC, 1455},
+                                                     {UNIX_SOCK_MAGIC, 1457},
+                                                     {UNIX_SOCK_MAGIC, 0},
+                                                     {0x12345678u, 1456}};
+    for (auto [magic, len] : headers) {
+        const std::string error = magic != UNIX_SOCK_MAGIC
+                                      ? "unix_sock_recvHeader failed!\r\n"
+                                      : "len(" + std::to_string(len) + ") is invalid.\r\n";
+        s.fake.takeStdout();
+        int fd = connectClient();
+        sendHeader(fd, len, magic);
+        uint8_t body[1457] = {};
+        send(fd, body, len, MSG_NOSIGNAL);
+        EXPECT_EQ(0u, mesh_receive_cmd(listenFd()));
+        EXPECT_EQ("", readAll(fd)) << error;
+        EXPECT_NE(std::string::npos, s.fake.stdoutText().find(error)) << s.fake.stdoutText();
+    }
+}
+
+TEST_F(CommandServer, StalledOrVanishedClientsDoNotStopTheNextOne) {
+    // One client sends nothing, one half a body; each gets its 2-second budget and is closed.
+    int silent = connectClient();
+    int half = connectClient();
+    sendHeader(half, MESH_CMD_MSG_LEN);
+    uint8_t msg[MESH_CMD_MSG_LEN] = {};
+    ASSERT_EQ(100, send(half, msg, 100, MSG_NOSIGNAL));
+    put_le32(msg, 23);
+    int good = request(msg);
+    auto served = std::async(std::launch::async, [this] {
+        for (int i = 0; i < 3; ++i) {
+            mesh_receive_cmd(listenFd());
+        }
+    });
+    ASSERT_EQ(std::future_status::ready, served.wait_for(std::chrono::seconds(30)))
+        << "the server hung on a stalled client";
+    EXPECT_EQ("", readAll(silent));
+    EXPECT_EQ("", readAll(half));
+    EXPECT_EQ(16u + MESH_CMD_MSG_LEN, readAll(good).size());
+    std::string err = s.fake.stdoutText();
+    EXPECT_NE(std::string::npos, err.find("unix_sock_recvHeader failed!\r\n")) << err;
+    EXPECT_NE(std::string::npos, err.find("recv data failed\r\n")) << err;
+
+    // A requester gone before the reply: the send fails quietly (no SIGPIPE), serving goes on.
+    close(request(msg));
+    mesh_receive_cmd(listenFd());
+    int next = request(msg);
+    mesh_receive_cmd(listenFd());
+    EXPECT_EQ(16u + MESH_CMD_MSG_LEN, readAll(next).size());
+}
+
+struct CtlRun {
+    int status;
+    std::string out;
+};
+
+CtlRun ctl(const std::string& args) {
+    FILE* p =
+        popen((std::string(ZORMESH_BIN_DIR) + "/zormeshctl " + args + " 2>/dev/null").c_str(), "r");
+    CtlRun r{-1, ""};
+    for (int c; p != nullptr && (c = fgetc(p)) != EOF;) {
+        r.out += static_cast<char>(c);
+    }
+    int st = p != nullptr ? pclose(p) : -1;
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+class Zormeshctl : public CommandSocket {
+  protected:
+    std::string sock() { return "--socket " + path() + " "; }
+};
+
+TEST_F(Zormeshctl, PrintsTheWholeReplyAsOneHexLine) {
+    auto server = std::async(std::launch::async, [this] { mesh_receive_cmd(listenFd()); });
+    CtlRun r = ctl(sock() + "raw 23 'de ad:BE EF 01'");
+    server.get();
+    ASSERT_EQ(0, r.status);
+    // type 23 little-endian, reserved zero, the payload as given, zero-filled to 1456 bytes.
+    EXPECT_EQ("17000000"
+              "00000000"
+              "deadbeef01" +
+                  std::string(2 * 1443, '0') + "\n",
+              r.out);
+}
+
+TEST_F(Zormeshctl, ExitStatusTellsWhatHappened) {
+    auto server =
+        std::async(std::launch::async, [this] { close(accept(listenFd(), nullptr, nullptr)); });
+    CtlRun closed = ctl(sock() + "raw 13");
+    server.get();
+    EXPECT_EQ(3, closed.status) << "the daemon closed the connection without a reply";
+    EXPECT_EQ("", closed.out);
+
+    EXPECT_EQ(2, ctl("--socket " + s.fake.rooted("/nothing.sock") + " raw 13").status);
+    const std::string tooLong = "raw 13 " + std::string(2 * 1449, 'a');
+    for (const std::string& bad :
+         {std::string("raw"), std::string("raw x13"), std::string("raw 13 abc"), tooLong}) {
+        EXPECT_EQ(1, ctl(sock() + bad).status) << bad;
+    }
+    CtlRun help = ctl("--help");
+    EXPECT_EQ(0, help.status);
+    EXPECT_NE(std::string::npos, help.out.find("usage: zormeshctl [--socket PATH] raw TYPE [HEX]"));
+    EXPECT_NE(std::string::npos, help.out.find("/var/run/usock/21.sock"));
+}
+
+} // namespace
