@@ -3,6 +3,7 @@
 // looks like a vanished driver.
 #include "e2e_util.h"
 #include "emu_script.h"
+#include "platform/hex.h"
 #include "platform/remote_os.h"
 #include "platform/wireless.h"
 
@@ -22,7 +23,7 @@
 namespace {
 
 using emu::Bytes;
-using emu::hexBytes;
+using hex::hexBytes;
 
 // A real clock the test moves by hand: what the node sleeps is recorded, not slept.
 class ManualClock : public RemoteOs::RealClock {

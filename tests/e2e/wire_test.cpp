@@ -3,6 +3,7 @@
 // worked examples of docs/emulation-protocol.md.
 #include "e2e_util.h"
 #include "emu_script.h"
+#include "platform/hex.h"
 #include "platform/remote_os.h"
 #include "platform/wireless.h"
 
@@ -19,7 +20,7 @@
 namespace {
 
 using e2e::Bytes;
-using emu::hexBytes;
+using hex::hexBytes;
 
 const Bytes kHelloRequest = hexBytes("01000000 20000000" // hello, 32 bytes
                                      "01000000 39300000" // version 1, pid 12345
