@@ -1,5 +1,6 @@
 #include "emu_script.h"
 
+#include "platform/hex.h"
 #include "platform/linux_os.h"
 
 #include <cerrno>
@@ -46,40 +47,6 @@ bool startsWith(const std::string& s, const std::string& prefix) {
 }
 
 } // namespace
-
-Bytes hexBytes(const std::string& hex) {
-    Bytes out;
-    int hi = -1;
-    for (char ch : hex) {
-        int v;
-        if (ch >= '0' && ch <= '9') {
-            v = ch - '0';
-        } else if (ch >= 'a' && ch <= 'f') {
-            v = ch - 'a' + 10;
-        } else if (ch >= 'A' && ch <= 'F') {
-            v = ch - 'A' + 10;
-        } else {
-            continue;
-        }
-        if (hi < 0) {
-            hi = v;
-        } else {
-            out.push_back(static_cast<uint8_t>(hi << 4 | v));
-            hi = -1;
-        }
-    }
-    return out;
-}
-
-std::string toHex(const Bytes& bytes) {
-    static const char* digits = "0123456789abcdef";
-    std::string out;
-    for (uint8_t b : bytes) {
-        out += digits[b >> 4];
-        out += digits[b & 15];
-    }
-    return out;
-}
 
 ScriptEmulator::ScriptEmulator(std::string root) : root_(std::move(root)), server_(root_, *this) {
     hello_.flags = REMOTE_HELLO_RANDOM;
@@ -174,7 +141,7 @@ void ScriptEmulator::onSem(std::function<int(const SemCall&)> fn) {
 int ScriptEmulator::pushNetlink(const Bytes& message) {
     int n = server_.pushNetlink(message);
     std::lock_guard<std::mutex> g(mu_);
-    transcript_.push_back("netlink-push " + toHex(message) + " to " + std::to_string(n));
+    transcript_.push_back("netlink-push " + hex::toHex(message) + " to " + std::to_string(n));
     if (echo_ != nullptr) {
         fprintf(echo_, "%s\n", transcript_.back().c_str());
         fflush(echo_);
@@ -390,7 +357,7 @@ Result ScriptEmulator::ioctl(const Peer& peer, IoctlCall& call) {
         ioctls_.push_back(call);
         record(peer, "ioctl " + hex32(call.request, 4) + " " + call.ifName +
                          " flags=" + std::to_string(call.flags) +
-                         " len=" + std::to_string(call.length) + " " + toHex(call.payload));
+                         " len=" + std::to_string(call.length) + " " + hex::toHex(call.payload));
         auto it = ioctlHandlers_.find(call.request);
         if (it != ioctlHandlers_.end()) {
             handler = it->second;
@@ -418,7 +385,7 @@ Result ScriptEmulator::netlinkBind(const Peer& peer, uint32_t portId) {
 void ScriptEmulator::netlinkSend(const Peer& peer, const Bytes& message) {
     std::lock_guard<std::mutex> g(mu_);
     netlinkSent_.push_back(message);
-    record(peer, "netlink-send " + toHex(message));
+    record(peer, "netlink-send " + hex::toHex(message));
 }
 
 Result ScriptEmulator::packetOpen(const Peer& peer, uint32_t etherType) {
@@ -446,7 +413,7 @@ Result ScriptEmulator::packetSend(const Peer& peer, uint32_t socket, int32_t ifI
         std::lock_guard<std::mutex> g(mu_);
         packets_.push_back(pkt);
         record(peer, "packet-send " + std::to_string(socket) + " if=" + std::to_string(ifIndex) +
-                         " " + toHex(frame));
+                         " " + hex::toHex(frame));
         hook = packetHook_;
     }
     if (hook) {

@@ -22,11 +22,6 @@
 
 namespace emu {
 
-// Parses "01 02 0a" or "01020a" (blanks, newlines and ':' ignored) into bytes.
-Bytes hexBytes(const std::string& hex);
-// Lowercase hex of the bytes without separators.
-std::string toHex(const Bytes& bytes);
-
 class ScriptEmulator : public Handler {
   public:
     struct ProcWrite {

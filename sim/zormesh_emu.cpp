@@ -2,6 +2,7 @@
 // point for one zormesh-node under --root DIR and prints every operation the node makes, one
 // line each, on standard output.
 #include "emu_script.h"
+#include "platform/hex.h"
 
 #include <cerrno>
 #include <csignal>
@@ -93,13 +94,17 @@ void commandLoop(emu::ScriptEmulator& emu) {
         }
         std::string rest;
         std::getline(in >> std::ws, rest);
-        if (cmd == "netlink") {
-            int n = emu.pushNetlink(emu::hexBytes(rest));
+        emu::Bytes bytes;
+        if ((cmd == "netlink" || cmd == "packet") && !hex::parse(rest, &bytes)) {
+            fprintf(stderr, "zormesh-emu: %s: HEX must be pairs of hexadecimal digits\n",
+                    cmd.c_str());
+        } else if (cmd == "netlink") {
+            int n = emu.pushNetlink(bytes);
             if (n == 0) {
                 fprintf(stderr, "zormesh-emu: no node listens for netlink events yet\n");
             }
         } else if (cmd == "packet") {
-            emu.queuePacket(emu::hexBytes(rest));
+            emu.queuePacket(bytes);
         } else if (cmd == "proc") {
             size_t sp = rest.find(' ');
             emu.setProc(rest.substr(0, sp), sp == std::string::npos ? "" : rest.substr(sp + 1));

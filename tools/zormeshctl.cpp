@@ -1,4 +1,5 @@
 // zormeshctl: the management-side client of the mesh daemon's command socket.
+#include "platform/hex.h"
 #include "platform/unix_sock.h"
 
 #include <cerrno>
@@ -29,46 +30,16 @@ void usage(FILE* out) {
             "Sends one command to the mesh daemon and prints its reply.\n"
             "\n"
             "  raw TYPE [HEX]   send a command of type TYPE (a decimal number, may be negative);\n"
-            "                   HEX is the payload as hexadecimal digits (blanks and ':'\n"
-            "                   allowed), at most 1448 bytes, the rest is filled with zeros.\n"
-            "                   The reply, the whole 1456-byte message, is printed as one line\n"
-            "                   of lowercase hexadecimal.\n"
+            "                   HEX is the payload as hexadecimal digits (blanks, line ends\n"
+            "                   and ':' allowed), at most 1448 bytes, the rest is filled with\n"
+            "                   zeros. The reply, the whole 1456-byte message, is printed as\n"
+            "                   one line of lowercase hexadecimal.\n"
             "  --socket PATH    the daemon's command socket (default %s)\n"
             "  -h, --help       this text\n"
             "\n"
             "Exit status: 0 a reply came; 1 bad usage; 2 could not connect;\n"
             "3 the daemon closed the connection without a reply.\n",
             kDefaultSocket);
-}
-
-bool parseHex(const char* text, uint8_t* out, size_t cap, size_t* len) {
-    size_t n = 0;
-    int hi = -1;
-    for (const char* p = text; *p != '\0'; ++p) {
-        int v;
-        if (*p >= '0' && *p <= '9') {
-            v = *p - '0';
-        } else if (*p >= 'a' && *p <= 'f') {
-            v = *p - 'a' + 10;
-        } else if (*p >= 'A' && *p <= 'F') {
-            v = *p - 'A' + 10;
-        } else if (*p == ' ' || *p == ':' || *p == '\t') {
-            continue;
-        } else {
-            return false;
-        }
-        if (hi < 0) {
-            hi = v;
-            continue;
-        }
-        if (n == cap) {
-            return false;
-        }
-        out[n++] = static_cast<uint8_t>(hi << 4 | v);
-        hi = -1;
-    }
-    *len = n;
-    return hi < 0;
 }
 
 void putLe32(uint8_t* p, uint32_t v) {
@@ -148,7 +119,7 @@ int main(int argc, char** argv) {
     putLe32(msg, static_cast<uint32_t>(static_cast<int32_t>(type)));
     if (i + 2 < argc) {
         size_t len = 0;
-        if (!parseHex(argv[i + 2], msg + 8, kPayloadLen, &len)) {
+        if (!hex::parse(argv[i + 2], strlen(argv[i + 2]), msg + 8, kPayloadLen, &len)) {
             fprintf(stderr,
                     "zormeshctl: HEX must be pairs of hexadecimal digits, at most %d bytes\n",
                     kPayloadLen);
@@ -181,12 +152,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "zormeshctl: the daemon closed the connection without a reply\n");
         return EXIT_NO_REPLY;
     }
-    static const char digits[] = "0123456789abcdef";
     char line[2 * kMsgLen + 2];
-    for (int k = 0; k < kMsgLen; ++k) {
-        line[2 * k] = digits[reply[k] >> 4];
-        line[2 * k + 1] = digits[reply[k] & 15];
-    }
+    hex::format(reply, sizeof reply, line);
     line[2 * kMsgLen] = '\n';
     line[2 * kMsgLen + 1] = '\0';
     fputs(line, stdout);

@@ -1,77 +1,206 @@
-// Helpers of the end-to-end tests: temporary roots, child processes, raw protocol sockets.
+// What the end-to-end tests share: temporary roots, started programs, raw protocol messages,
+// a real clock the test moves by hand, and the headers they all use.
 #pragma once
 
-#include <cstdint>
+#include "emu_script.h"
+#include "platform/hex.h"
+#include "platform/remote_os.h"
+#include "platform/wireless.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <poll.h>
+#include <spawn.h>
+#include <sstream>
 #include <string>
-#include <sys/types.h>
+#include <sys/sem.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
+extern char** environ;
+
 namespace e2e {
+
+using Bytes = std::vector<uint8_t>;
+using hex::hexBytes;
+
+constexpr int kStartMs = 10000; // bound for a process start or an answer, not a measurement
 
 // A fresh directory under /tmp, removed with its contents by the destructor.
 class TempRoot {
   public:
-    TempRoot();
-    ~TempRoot();
+    TempRoot() {
+        char tmpl[] = "/tmp/zm-e2e-XXXXXX";
+        path_ = mkdtemp(tmpl) != nullptr ? tmpl : "/nonexistent";
+    }
+    ~TempRoot() {
+        if (std::system(("rm -rf '" + path_ + "'").c_str()) != 0) {
+            fprintf(stderr, "could not remove %s\n", path_.c_str());
+        }
+    }
     TempRoot(const TempRoot&) = delete;
     TempRoot& operator=(const TempRoot&) = delete;
     const std::string& path() const { return path_; }
+    std::string operator+(const std::string& sub) const { return path_ + sub; }
 
   private:
     std::string path_;
 };
 
-std::string readFile(const std::string& path);
+inline std::string readFile(const std::string& path) {
+    std::stringstream ss;
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
+    return ss.str();
+}
 
 // A program of the build (zormesh-node, zormesh-emu, zormeshctl).
-std::string binPath(const char* name);
+inline std::string binPath(const char* name) {
+    return std::string(ZORMESH_BIN_DIR) + "/" + name;
+}
 
-// A started program; killed (SIGKILL) and reaped by the destructor if still running.
+// A started program with stdout and stderr going to files and stdin from a pipe; killed
+// (SIGKILL) and reaped by the destructor if still running.
 class Child {
   public:
-    // Starts `argv` with stdout going to `outFile` and stderr to `errFile`, or to a pipe
-    // that waitForStderr() reads when `errFile` is empty; stdin from a pipe when
-    // `withStdin`, else from /dev/null.
-    Child(const std::vector<std::string>& argv, const std::string& outFile,
-          const std::string& errFile, bool withStdin = false);
-    ~Child();
+    Child(std::vector<std::string> argv, const std::string& outFile, const std::string& errFile) {
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        int in[2] = {-1, -1};
+        if (pipe2(in, O_CLOEXEC) == 0) {
+            posix_spawn_file_actions_adddup2(&fa, in[0], 0);
+            stdinFd_ = in[1];
+        }
+        posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        posix_spawn_file_actions_addopen(&fa, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        std::vector<char*> args;
+        for (auto& a : argv) {
+            args.push_back(&a[0]);
+        }
+        args.push_back(nullptr);
+        if (posix_spawn(&pid_, args[0], &fa, nullptr, args.data(), environ) == 0) {
+            // Readable when the program ends: waits need no polling.
+            pidFd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+        }
+        posix_spawn_file_actions_destroy(&fa);
+        close(in[0]);
+    }
+    ~Child() {
+        close(stdinFd_);
+        if (running()) {
+            ::kill(pid_, SIGKILL);
+            waitExit();
+        }
+        close(pidFd_);
+    }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
     pid_t pid() const { return pid_; }
-    // Writes to the child's standard input.
-    void feed(const std::string& text);
-    // Waits up to `timeoutMs` for the child to end: its wait status, or -1 when it did not.
-    int waitExit(int timeoutMs);
-    bool running();
-    void kill(int sig);
-    // Waits up to `timeoutMs` for `text` on the child's stderr pipe.
-    bool waitForStderr(const std::string& text, int timeoutMs);
+    void feed(const std::string& text) {
+        if (write(stdinFd_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+            perror("write to child");
+        }
+    }
+    // Waits up to `timeoutMs` for the program to end: its exit status, -1 when it is still
+    // running or was ended by a signal.
+    int waitExit(int timeoutMs = kStartMs) {
+        pollfd p{pidFd_, POLLIN, 0};
+        int st = 0;
+        if (status_ == -1 && pidFd_ >= 0 && poll(&p, 1, timeoutMs) > 0 &&
+            waitpid(pid_, &st, WNOHANG) == pid_) {
+            status_ = st;
+        }
+        return status_ != -1 && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+    }
+    bool running() { return waitExit(0) == -1 && status_ == -1; }
 
   private:
     pid_t pid_ = -1;
+    int pidFd_ = -1;
     int stdinFd_ = -1;
-    int stderrFd_ = -1;
-    std::string stderr_;
-    int status_ = -1;
+    int status_ = -1; // raw wait status once reaped
 };
 
-// Runs a program to its end; returns its exit status and puts its standard output in *out.
-int run(const std::vector<std::string>& argv, std::string* out);
+// A connection of `type` to the Unix socket at `path`, -1 when nobody accepts it.
+inline int connectTo(const std::string& path, int type = SOCK_SEQPACKET) {
+    int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
 
-// Waits up to `timeoutMs` until a stream socket accepts connections at `path`.
-bool waitForListener(const std::string& path, int timeoutMs);
+// Waits until a program that is starting up accepts connections at `path` (the connection
+// made to find out is closed without a word).
+inline bool waitForListener(const std::string& path, int type) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartMs);
+    for (int fd; std::chrono::steady_clock::now() < deadline;) {
+        if ((fd = connectTo(path, type)) >= 0) {
+            close(fd);
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
 
-// A raw SEQPACKET connection to `path` (-1 on failure).
-int connectSeqpacket(const std::string& path);
+// One message of a SEQPACKET connection; received: empty at the end of the stream or after
+// `timeoutMs`.
+inline bool sendMsg(int fd, const Bytes& msg) {
+    return send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(msg.size());
+}
+inline Bytes recvMsg(int fd, int timeoutMs = kStartMs) {
+    pollfd p{fd, POLLIN, 0};
+    Bytes buf(1 << 17);
+    ssize_t n = poll(&p, 1, timeoutMs) > 0 ? recv(fd, buf.data(), buf.size(), 0) : 0;
+    buf.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return buf;
+}
 
-using Bytes = std::vector<uint8_t>;
-// Sends one message; receives one message (empty on end of stream or after `timeoutMs`).
-bool sendMsg(int fd, const Bytes& msg);
-Bytes recvMsg(int fd, int timeoutMs = 5000);
-// Bytes of a NUL-padded text field of `size` bytes.
-Bytes padded(const std::string& text, size_t size);
-Bytes le32(uint32_t v);
-Bytes cat(std::initializer_list<Bytes> parts);
+// Expects `call` to give `result` and leave errno `err`, checked as one pair.
+#define EXPECT_RESULT(result, err, call)                                                           \
+    EXPECT_EQ(std::make_pair(result, err), ([&] {                                                  \
+                  errno = 0;                                                                       \
+                  int r_ = (call);                                                                 \
+                  return std::make_pair(r_, errno);                                                \
+              }()))
+
+// The real clock behind a RemoteOs, moved by the test: sleeps are recorded, not slept.
+class ManualClock : public RemoteOs::RealClock {
+  public:
+    uint64_t nowMicros() override { return now; }
+    void sleepMicros(uint64_t us) override {
+        slept.push_back(us);
+        now += us;
+    }
+    uint64_t now = 1000000;
+    std::vector<uint64_t> slept;
+};
 
 } // namespace e2e

@@ -1,255 +1,363 @@
-// The emulation protocol byte by byte, both ways: handwritten requests against the emulator
-// library, and the node's requests as a handwritten emulator receives them. These are the
-// worked examples of docs/emulation-protocol.md.
+// The emulation protocol byte by byte, both ways, on the worked examples of
+// docs/emulation-protocol.md read from the page itself: its requests against the emulator
+// library, and the node's requests and its reading of the page's replies.
 #include "e2e_util.h"
-#include "emu_script.h"
-#include "platform/remote_os.h"
-#include "platform/wireless.h"
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
-#include <memory>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
 using e2e::Bytes;
-using emu::hexBytes;
+using e2e::hexBytes;
 
-const Bytes kHelloRequest = hexBytes("01000000 20000000" // hello, 32 bytes
-                                     "01000000 39300000" // version 1, pid 12345
-                                     "14000000 01000000" // time scale 20, connection 1
-                                     "6d61696e000000000000000000000000"); // "main"
-
-class Wire : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        emu_ = std::make_unique<emu::ScriptEmulator>(root_.path());
-        emu_->setUptime(300);
-        ASSERT_TRUE(emu_->start());
-        fd_ = e2e::connectSeqpacket(root_.path() + "/emu.sock");
-        ASSERT_GE(fd_, 0);
-    }
-    void TearDown() override { close(fd_); }
-
-    Bytes ask(const Bytes& request) {
-        EXPECT_TRUE(e2e::sendMsg(fd_, request));
-        return e2e::recvMsg(fd_);
-    }
-
-    e2e::TempRoot root_;
-    std::unique_ptr<emu::ScriptEmulator> emu_;
-    int fd_ = -1;
+struct Message {
+    std::string kind; // "request", "reply" or "event"
+    Bytes bytes;
 };
 
-TEST_F(Wire, HelloReplyCarriesTheDeviceConfiguration) {
-    Bytes expected = hexBytes("00000000 00000000 b4000000"          // result 0, errno 0, 180 bytes
-                              "01000000 01000000 2c010000"          // version 1, random, uptime 300
-                              "72616933000000000000000000000000"    // "rai3"
-                              "617063 6c696930 000000000000000000"  // "apclii0"
-                              "03000000 04000000"                   // 3 VAPs, 4 ports
-                              "657468302e31 00000000000000000000"   // "eth0.1"
-                              "657468302e32 00000000000000000000"   // "eth0.2"
-                              "657468302e33 00000000000000000000"   // "eth0.3"
-                              "657468302e34 00000000000000000000"); // "eth0.4"
-    expected.resize(12 + 180, 0);                                   // ports 5..8 empty
-    EXPECT_EQ(expected, ask(kHelloRequest));
-    ASSERT_EQ(1u, emu_->hellos().size());
-    EXPECT_EQ(12345u, emu_->hellos()[0].pid);
+// Every request, reply and event of the page's code blocks, in the page's order. A message
+// starts on a line with its kind and goes on over the indented lines below it; on each
+// line the bytes end at the first double blank, where the comment starts. "00 x 64" is 64
+// zero bytes.
+std::vector<Message> docMessages() {
+    std::ifstream in(std::string(ZORMESH_SOURCE_DIR) + "/docs/emulation-protocol.md");
+    std::vector<Message> out;
+    bool inMessage = false;
+    for (std::string line; std::getline(in, line);) {
+        std::string kind = line.substr(0, line.find(' '));
+        bool starts = kind == "request" || kind == "reply" || kind == "event";
+        if (!starts && !(inMessage && !line.empty() && line[0] == ' ')) {
+            inMessage = false;
+            continue;
+        }
+        size_t from = line.find_first_not_of(' ', starts ? kind.size() : 0);
+        std::istringstream fields(
+            from == std::string::npos ? "" : line.substr(from, line.find("  ", from) - from));
+        Bytes bytes, b;
+        for (std::string tok; fields >> tok && hex::parse(tok, &b);) {
+            bytes.insert(bytes.end(), b.begin(), b.end());
+            size_t n = 0;
+            if (fields >> std::ws && fields.peek() == 'x' && fields.get() && fields >> n) {
+                bytes.insert(bytes.end(), n - 1, bytes.back());
+            }
+        }
+        if (starts) {
+            inMessage = !bytes.empty();
+            if (inMessage) {
+                out.push_back(Message{kind, bytes});
+            }
+        } else {
+            out.back().bytes.insert(out.back().bytes.end(), bytes.begin(), bytes.end());
+        }
+    }
+    return out;
 }
 
-TEST_F(Wire, RequestsAndRepliesOfTheWorkedExamples) {
-    ask(kHelloRequest);
+// The page's request of operation `op` and the reply after it.
+std::pair<Bytes, Bytes> docExample(uint32_t op) {
+    static const std::vector<Message> doc = docMessages();
+    for (size_t i = 0; i + 1 < doc.size(); ++i) {
+        if (doc[i].kind == "request" && doc[i].bytes[0] == op) {
+            return {doc[i].bytes, doc[i + 1].kind == "reply" ? doc[i + 1].bytes : Bytes{}};
+        }
+    }
+    ADD_FAILURE() << "no example of operation " << op;
+    return {};
+}
 
-    // Shell line: the reply's result is the wait status.
-    emu_->onShell("iwpriv", [](const std::string&) { return 0x100; });
-    EXPECT_EQ(hexBytes("00010000 00000000 00000000"),
-              ask(hexBytes("02000000 1a000000"
-                           "6977707269762072616933207365742048696465535349443d31")));
-    EXPECT_EQ("iwpriv rai3 set HideSSID=1", emu_->shellLines().at(0));
-
-    // Kernel-file read of at most 16 bytes.
-    emu_->setProc("/proc/mesh/config_count", "5\n");
-    EXPECT_EQ(hexBytes("02000000 00000000 02000000 350a"),
-              ask(hexBytes("03000000 1b000000 10000000"
-                           "2f70726f632f6d6573682f636f6e6669675f636f756e74")));
-
-    // Kernel-file write of "1 0" and its NUL.
-    EXPECT_EQ(hexBytes("00000000 00000000 00000000"),
-              ask(hexBytes("04000000 1f000000 17000000"
-                           "2f70726f632f6d6573682f636f6e6669675f636f756e74 3120 3000")));
-    EXPECT_EQ((Bytes{'1', ' ', '0', 0}), emu_->procWrites().at(0).data);
-
-    // Random bytes.
-    emu_->queueRandom({0x01, 0x02, 0x03, 0x04});
-    EXPECT_EQ(hexBytes("04000000 00000000 04000000 01020304"),
-              ask(hexBytes("05000000 04000000 04000000")));
-
-    // Wireless socket, then a private request whose payload the driver rewrites.
-    EXPECT_EQ(hexBytes("01000000 00000000 00000000"), ask(hexBytes("06000000 00000000")));
-    emu_->onIoctl(0x8BF5, [](emu::IoctlCall& call) {
+TEST(Wire, TheEmulatorLibraryAnswersThePagesExamplesAndRefusesMalformedRequests) {
+    e2e::TempRoot root;
+    emu::ScriptEmulator emu(root.path());
+    emu.setUptime(300);
+    emu.onShell("iwpriv", [](const std::string&) { return 0x100; });
+    emu.setProc("/proc/mesh/config_count", "5\n");
+    emu.queueRandom({0x01, 0x02, 0x03, 0x04});
+    emu.onIoctl(0x8BF5, [](emu::IoctlCall& call) {
         call.payload = {0xca, 0xfe, 0x00, 0x00};
         call.length = 2;
         return 0;
     });
-    EXPECT_EQ(hexBytes("00000000 00000000 08000000 0200 0000 cafe0000"),
-              ask(hexBytes("07000000 24000000 01000000 f58b0000 00000000"
-                           "72616933000000000000000000000000 0300 0400 deadbeef")));
-    EXPECT_EQ(hexBytes("deadbeef"), emu_->ioctls().at(0).payload);
+    emu.setIfIndex("br0", 5);
+    emu.queuePacket({0xaa, 0xbb, 0xcc, 0xdd});
+    emu.onSem([](const emu::SemCall&) { return EINTR; });
+    ASSERT_TRUE(emu.start());
+    int fd = e2e::connectTo(root + "/emu.sock");
 
-    // Packet socket: open, index, send, wait, receive, close.
-    emu_->setIfIndex("br0", 5);
-    emu_->queuePacket(hexBytes("aabbccdd"));
-    EXPECT_EQ(hexBytes("02000000 00000000 00000000"), ask(hexBytes("0b000000 04000000 06080000")));
-    EXPECT_EQ(hexBytes("05000000 00000000 00000000"),
-              ask(hexBytes("0c000000 14000000 02000000 62723000000000000000000000000000")));
-    EXPECT_EQ(hexBytes("03000000 00000000 00000000"),
-              ask(hexBytes("0d000000 0b000000 02000000 05000000 010203")));
-    EXPECT_EQ(hexBytes("01000000 00000000 00000000"),
-              ask(hexBytes("0e000000 0c000000 02000000 64000000 05000000")));
-    EXPECT_EQ(hexBytes("04000000 00000000 04000000 aabbccdd"),
-              ask(hexBytes("0f000000 08000000 02000000 2a000000")));
-    EXPECT_EQ(hexBytes("00000000 00000000 00000000"),
-              ask(hexBytes("10000000 08000000 02000000 02000000")));
+    // All on one connection: a request is answered by the reply after it; netlink-send is
+    // not answered and turns the connection into an event channel for the event at the end.
+    std::vector<Message> doc = docMessages();
+    ASSERT_EQ(34u, doc.size());
+    for (size_t i = 0; i < doc.size(); ++i) {
+        if (doc[i].kind == "request") {
+            ASSERT_TRUE(e2e::sendMsg(fd, doc[i].bytes));
+        } else if (doc[i].kind == "event") {
+            ASSERT_TRUE(emu.waitNetlinkReady(e2e::kStartMs));
+            ASSERT_EQ(1, emu.pushNetlink(doc[i].bytes));
+        }
+        if (doc[i].kind != "request") {
+            EXPECT_EQ(hex::toHex(doc[i].bytes), hex::toHex(e2e::recvMsg(fd))) << i;
+        }
+    }
+    // The emulator's transcript spells out every field it decoded.
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            "c1 hello main pid=12345 scale=20", "c1 shell iwpriv rai3 set HideSSID=1",
+            "c1 proc-read /proc/mesh/config_count max=16",
+            "c1 proc-write /proc/mesh/config_count 1 0\\x00", "c1 random 4", "c1 wlan-socket 1",
+            "c1 ioctl 0x8BF5 rai3 flags=3 len=4 deadbeef", "c1 netlink-open 38",
+            "c1 netlink-bind 12345", "c1 netlink-send 10000000000000000000000039300000",
+            "c1 packet-open 0x0806 2", "c1 packet-ifindex 2 br0", "c1 packet-send 2 if=5 010203",
+            "c1 packet-wait 2 100 real=5", "c1 packet-recv 2 max=42", "c1 close packet 2",
+            "c1 sem op id=32768 0:-1:0x1000",
+            "netlink-push 2000000000000000000000000000000003000000000000000102030405060708 to 1"}),
+        emu.transcript());
 
-    // Semaphore report of a lock operation {0, -1, SEM_UNDO}, refused with EINTR.
-    emu_->onSem([](const emu::SemCall&) { return EINTR; });
-    EXPECT_EQ(hexBytes("ffffffff 04000000 00000000"),
-              ask(hexBytes("11000000 16000000 04000000 00800000 01000000 00000000"
-                           "0000 ffff 0010")));
-    auto sem = emu_->semCalls().at(0);
-    EXPECT_EQ(0x8000, sem.a);
-    ASSERT_EQ(1u, sem.ops.size());
-    EXPECT_EQ(0x1000, sem.ops[0].flg);
+    // On a new connection: malformed requests get an error each and the connection goes on;
+    // a read gets no more than it asked for.
+    close(fd);
+    fd = e2e::connectTo(root + "/emu.sock");
+    auto hello = docExample(REMOTE_OP_HELLO);
+    Bytes version2 = hello.first;
+    version2[8] = 2;
+    Bytes refusal = hexBytes("ffffffff 5d000000 b4000000 01000000"); // and our version, 1
+    refusal.resize(12 + 180);
+    const Bytes eproto = hexBytes("ffffffff 47000000 00000000");
+    const std::pair<Bytes, Bytes> cases[] = {
+        {hexBytes("01000000"), eproto},                   // half a header
+        {hexBytes("02000000 02000000 6c73"), eproto},     // not a hello first
+        {version2, refusal},                              // another version
+        hello,                                            //
+        {hexBytes("02000000 05000000 6c73"), eproto},     // the length is not 2
+        {hexBytes("0e000000 04000000 02000000"), eproto}, // a wait of 4 bytes
+        {hexBytes("63000000 00000000"), hexBytes("ffffffff 26000000 00000000")}, // ENOSYS
+        {hexBytes("03000000 1b000000 01000000 2f70726f632f6d6573682f636f6e6669675f636f756e74"),
+         hexBytes("01000000 00000000 01000000 35")},
+        {hexBytes("02000000 02000000 6c73"), hexBytes("00000000 00000000 00000000")}, // goes on
+    };
+    for (const auto& c : cases) {
+        ASSERT_TRUE(e2e::sendMsg(fd, c.first));
+        EXPECT_EQ(hex::toHex(c.second), hex::toHex(e2e::recvMsg(fd))) << hex::toHex(c.first);
+    }
+    close(fd);
+    EXPECT_EQ(6u, emu.malformedRequests().size());
 }
 
-TEST_F(Wire, NetlinkConnectionTurnsIntoAnEventChannel) {
-    ask(hexBytes("01000000 20000000 01000000 39300000 01000000 02000000"
-                 "6e65746c696e6b000000000000000000")); // "netlink"
-    EXPECT_EQ(hexBytes("00000000 00000000 00000000"), ask(hexBytes("08000000 04000000 26000000")));
-    EXPECT_EQ(hexBytes("00000000 00000000 00000000"), ask(hexBytes("09000000 04000000 39300000")));
-    // The announcement has no reply; afterwards every packet is an event message.
-    ASSERT_TRUE(e2e::sendMsg(fd_, hexBytes("0a000000 10000000 10000000 0000 0000 00000000"
-                                           "39300000")));
-    ASSERT_TRUE(emu_->waitNetlinkReady(2000));
-    Bytes event =
-        hexBytes("20000000 0000 0000 00000000 00000000 03000000 00000000 0102030405060708");
-    ASSERT_EQ(1, emu_->pushNetlink(event));
-    EXPECT_EQ(event, e2e::recvMsg(fd_));
-}
-
-TEST_F(Wire, MalformedRequestsGetAnErrorAndTheConnectionGoesOn) {
-    EXPECT_EQ(hexBytes("ffffffff 47000000 00000000"), ask(hexBytes("01000000"))); // EPROTO
-    EXPECT_EQ(hexBytes("ffffffff 47000000 00000000"),
-              ask(hexBytes("02000000 02000000 6c73"))); // not a hello first
-    // Another protocol version: refused, the reply names ours.
-    Bytes v2 = kHelloRequest;
-    v2[8] = 2;
-    Bytes refusal = hexBytes("ffffffff 5d000000 b4000000 01000000");
-    refusal.resize(12 + 180, 0);
-    EXPECT_EQ(refusal, ask(v2));
-
-    ask(kHelloRequest);
-    EXPECT_EQ(hexBytes("ffffffff 47000000 00000000"),
-              ask(hexBytes("02000000 05000000 6c73"))); // length does not match
-    EXPECT_EQ(hexBytes("ffffffff 47000000 00000000"),
-              ask(hexBytes("0e000000 04000000 02000000"))); // packet wait of 4 bytes
-    EXPECT_EQ(hexBytes("ffffffff 26000000 00000000"), ask(hexBytes("63000000 00000000"))); // ENOSYS
-    EXPECT_EQ(hexBytes("00000000 00000000 00000000"), ask(hexBytes("02000000 02000000 6c73")));
-    EXPECT_EQ(6u, emu_->malformedRequests().size());
-}
-
-// A handwritten emulator: answers each request of one connection with the next reply of a
-// list and keeps the requests as they arrived.
+// A handwritten emulator: answers each request, on whichever connection it comes, with the
+// next packets of its script, and keeps the requests (as hex) as they arrived. A request
+// beyond the script closes its connection.
 class RawEmulator {
   public:
-    RawEmulator(const std::string& root, std::vector<Bytes> replies)
-        : replies_(std::move(replies)) {
-        listen_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    explicit RawEmulator(const std::string& root) : listen_(socket(AF_UNIX, SOCK_SEQPACKET, 0)) {
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         snprintf(addr.sun_path, sizeof addr.sun_path, "%s/emu.sock", root.c_str());
         EXPECT_EQ(0, bind(listen_, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
         EXPECT_EQ(0, listen(listen_, 4));
-        thread_ = std::thread([this] {
-            int fd = accept(listen_, nullptr, nullptr);
-            for (const Bytes& r : replies_) {
-                Bytes req = e2e::recvMsg(fd);
-                if (req.empty()) {
-                    break;
-                }
-                requests.push_back(req);
-                e2e::sendMsg(fd, r);
-            }
-            e2e::recvMsg(fd, 2000); // until the node closes or goes quiet
-            close(fd);
-        });
+        thread_ = std::thread([this] { serve(); });
     }
     ~RawEmulator() {
-        if (thread_.joinable()) {
-            thread_.join();
-        }
-        close(listen_);
+        stop_ = true;
+        thread_.join();
     }
-    void join() { thread_.join(); }
-    std::vector<Bytes> requests;
+    void answer(std::vector<Bytes> packets) {
+        std::lock_guard<std::mutex> g(mu_);
+        script_.push_back(std::move(packets));
+    }
+    std::vector<std::string> take() {
+        std::lock_guard<std::mutex> g(mu_);
+        return std::exchange(requests_, {});
+    }
 
   private:
-    int listen_ = -1;
-    std::vector<Bytes> replies_;
+    void serve() {
+        std::vector<pollfd> fds{{listen_, POLLIN, 0}}; // then the connections
+        while (!stop_) {
+            if (poll(fds.data(), fds.size(), 20) <= 0) {
+                continue;
+            }
+            if ((fds[0].revents & POLLIN) != 0) {
+                fds.push_back(pollfd{accept(listen_, nullptr, nullptr), POLLIN, 0});
+            }
+            for (size_t i = 1; i < fds.size(); ++i) {
+                if (fds[i].revents == 0) {
+                    continue;
+                }
+                Bytes request = e2e::recvMsg(fds[i].fd, 0);
+                std::lock_guard<std::mutex> g(mu_);
+                if (!request.empty()) {
+                    requests_.push_back(hex::toHex(request));
+                }
+                if (request.empty() || script_.empty()) {
+                    // Closed by the node, or a request not scripted: the node finds the
+                    // emulator gone instead of waiting for an answer that never comes.
+                    close(fds[i].fd);
+                    fds[i].fd = -1;
+                    continue;
+                }
+                for (const Bytes& p : script_.front()) {
+                    e2e::sendMsg(fds[i].fd, p);
+                }
+                script_.pop_front();
+            }
+        }
+        for (const pollfd& c : fds) {
+            close(c.fd);
+        }
+    }
+
+    int listen_;
+    std::mutex mu_;
+    std::deque<std::vector<Bytes>> script_;
+    std::vector<std::string> requests_;
+    std::atomic<bool> stop_{false};
     std::thread thread_;
 };
 
-TEST(WireNode, TheNodeSendsTheDocumentedBytesAndDropsAMalformedReply) {
+// A hello request of this process at a time scale of 20.
+std::string helloOf(uint32_t connection, const char* role) {
+    Bytes b = hexBytes("01000000 20000000 01000000 00000000 14000000 00000000");
+    b.resize(8 + 32);
+    for (int i = 0; i < 4; ++i) {
+        b[12 + i] = static_cast<uint8_t>(static_cast<uint32_t>(getpid()) >> 8 * i);
+        b[20 + i] = static_cast<uint8_t>(connection >> 8 * i);
+    }
+    memcpy(&b[24], role, strlen(role));
+    return hex::toHex(b);
+}
+
+TEST(WireNode, TheNodeSendsThePagesRequestsAndTakesItsReplies) {
     e2e::TempRoot root;
-    Bytes helloReply = hexBytes("00000000 00000000 b4000000 01000000 00000000 0a000000"
-                                "72613000000000000000000000000000" // "ra0"
-                                "61706331000000000000000000000000" // "apc1"
-                                "01000000 00000000");
-    helloReply.resize(12 + 180, 0);
-    RawEmulator raw(root.path(), {helloReply, hexBytes("07000000 00000000 00000000"),
-                                  hexBytes("00000000 00000000 06000000 0100 0000 cafe"),
-                                  hexBytes("00010000 00000000 00000000"), hexBytes("0000")});
+    RawEmulator raw(root.path());
+    std::vector<std::string> sent; // what the node must have sent, in order
+    auto doc = [&](uint32_t op) {
+        auto ex = docExample(op);
+        raw.answer({ex.second});
+        sent.push_back(hex::toHex(ex.first));
+    };
+    auto own = [&](const char* request, const char* reply) {
+        raw.answer({hexBytes(reply)});
+        sent.push_back(hex::toHex(hexBytes(request)));
+    };
+
+    // Bad arguments, and emulators that turn the node away at the hello: refused, or
+    // answered with less than a header.
+    auto refused = std::make_unique<RemoteOs>(); // large: its message buffers
+    EXPECT_RESULT(-1, EINVAL, refused->start("relative/root", 20));
+    EXPECT_RESULT(-1, EINVAL, refused->start(root.path().c_str(), 0));
+    for (auto refusal : {std::make_pair("ffffffff 0d000000 00000000", EPROTO),
+                         std::make_pair("0000", ECONNREFUSED)}) {
+        raw.answer({hexBytes(refusal.first)});
+        refused = std::make_unique<RemoteOs>();
+        EXPECT_RESULT(-1, refusal.second, refused->start(root.path().c_str(), 20));
+        EXPECT_EQ(std::vector<std::string>{helloOf(1, "main")}, raw.take());
+    }
+
+    // The hello brings the device configuration and the uptime; at a time scale of 20 a
+    // one-second sleep is 50 ms of real time, and the clocks run 20 times faster.
+    e2e::ManualClock clock;
     auto node = std::make_unique<RemoteOs>();
-    ASSERT_EQ(0, node->start(root.path().c_str(), 5));
-    EXPECT_STREQ("apc1", node->deviceConfig().staIfName);
-    EXPECT_LE(10u, node->uptime()); // starts at the emulator's 10 s
+    node->setRealClock(&clock);
+    raw.answer({docExample(REMOTE_OP_HELLO).second});
+    ASSERT_EQ(0, node->start((root + "/").c_str(), 20)); // the trailing '/' is dropped
+    EXPECT_EQ(std::vector<std::string>{helloOf(1, "main")}, raw.take());
+    const DeviceConfig& dev = node->deviceConfig();
+    EXPECT_STREQ("rai3", dev.bkhApIfName);
+    EXPECT_STREQ("apclii0", dev.staIfName);
+    EXPECT_EQ(3u, dev.maxVapNum);
+    ASSERT_EQ(4u, dev.downLinkPortNum);
+    EXPECT_STREQ("eth0.4", dev.downLinkPorts[3]);
+    char path[128];
+    EXPECT_EQ(root + "/tmp/wireless/mt5g.dat", node->path("/tmp/wireless/mt5g.dat", path, 128));
+    EXPECT_EQ(300u, node->uptime());
+    time_t wall = node->wallClock();
+    node->sleepSeconds(1);
+    node->sleepMillis(100);
+    EXPECT_EQ((std::vector<uint64_t>{50000, 5000}), clock.slept);
+    EXPECT_EQ(301u, node->uptime());
+    EXPECT_EQ(wall + 1, node->wallClock());
 
-    int s = node->wlanSocket();
-    uint8_t payload[3] = {0x11, 0x22, 0x33};
-    iwreq req{};
-    snprintf(req.ifr_name, sizeof req.ifr_name, "ra0");
-    req.u.data.pointer = payload;
-    req.u.data.length = 3;
-    req.u.data.flags = 4;
-    ASSERT_EQ(0, node->wlanIoctl(s, 0x8BF5, &req));
-    EXPECT_EQ((Bytes{0xca, 0xfe, 0x33}), Bytes(payload, payload + 3));
-    EXPECT_EQ(1, req.u.data.length);
-
+    // The page's examples, and beside them replies longer than the daemon's buffer and a
+    // failure that rewrites the payload: the node copies back no more than it sent.
+    char buf[304] = {};
+    doc(REMOTE_OP_SHELL);
     EXPECT_EQ(0x100, node->runShell("iwpriv rai3 set HideSSID=1"));
-    EXPECT_EQ(1, node->runShell("ifconfig ra0 up")); // the reply is two bytes: gone
-    EXPECT_EQ(-1, node->wlanIoctl(s, 0x8BF5, &req));
-    EXPECT_EQ(ENODEV, errno);
-    node.reset();
-    raw.join();
+    doc(REMOTE_OP_PROC_READ);
+    ASSERT_EQ(2, node->readProc("/proc/mesh/config_count", buf, 16));
+    own("03000000 1a000000 02000000 2f70726f632f6d6573682f6c6f6f705f737461747573",
+        "03000000 00000000 03000000 34320a");
+    EXPECT_EQ(2, node->readProc("/proc/mesh/loop_status", buf + 2, 2));
+    EXPECT_EQ("5\n42", std::string(buf, 4));
+    doc(REMOTE_OP_PROC_WRITE);
+    EXPECT_EQ(0, node->writeProc("/proc/mesh/config_count", "1 0", 4));
+    doc(REMOTE_OP_RANDOM);
+    ASSERT_EQ(4, node->readRandom(buf, 4));
+    EXPECT_EQ(hexBytes("01020304"), Bytes(buf, buf + 4));
 
-    ASSERT_EQ(5u, raw.requests.size());
-    Bytes hello = e2e::cat({hexBytes("01000000 20000000 01000000"),
-                            e2e::le32(static_cast<uint32_t>(getpid())),
-                            hexBytes("05000000 01000000 6d61696e000000000000000000000000")});
-    EXPECT_EQ(hello, raw.requests[0]);
-    EXPECT_EQ(hexBytes("06000000 00000000"), raw.requests[1]);
-    EXPECT_EQ(hexBytes("07000000 23000000 07000000 f58b0000 00000000"
-                       "72613000000000000000000000000000 0400 0300 112233"),
-              raw.requests[2]);
-    EXPECT_EQ(hexBytes("02000000 1a000000"
-                       "6977707269762072616933207365742048696465535349443d31"),
-              raw.requests[3]);
+    doc(REMOTE_OP_WLAN_SOCKET);
+    int s = node->wlanSocket();
+    uint8_t payload[4] = {0xde, 0xad, 0xbe, 0xef};
+    iwreq iw{};
+    snprintf(iw.ifr_name, sizeof iw.ifr_name, "rai3");
+    iw.u.data.pointer = payload;
+    iw.u.data.flags = 3;
+    iw.u.data.length = 4;
+    doc(REMOTE_OP_IOCTL);
+    ASSERT_EQ(0, node->wlanIoctl(s, 0x8BF5, &iw));
+    EXPECT_EQ(hexBytes("cafe0000"), Bytes(payload, payload + 4));
+    EXPECT_EQ(2, iw.u.data.length);
+    iw.u.data.flags = 1;
+    own("07000000 22000000 01000000 f58b0000 00000000 72616933000000000000000000000000 0100 0200"
+        "cafe",
+        "ffffffff 5f000000 08000000 0400 0000 aabbccdd");
+    EXPECT_RESULT(-1, EOPNOTSUPP, node->wlanIoctl(s, 0x8BF5, &iw));
+    EXPECT_EQ(hexBytes("aabb0000"), Bytes(payload, payload + 4));
+    EXPECT_EQ(4, iw.u.data.length);
+    ifreq ifr{};
+    snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "br0");
+    memset(&ifr.ifr_ifru, 0x11, 16);
+    own("07000000 30000000 01000000 33890000 01000000 62723000000000000000000000000000 0000 1000"
+        "11111111111111111111111111111111",
+        "00000000 00000000 08000000 0000 0000 09000000");
+    ASSERT_EQ(0, node->wlanIoctl(s, SIOCGIFINDEX, &ifr));
+    EXPECT_EQ(9, ifr.ifr_ifindex);
+    EXPECT_EQ(0x11, reinterpret_cast<uint8_t*>(&ifr.ifr_ifru)[15]);
+
+    doc(REMOTE_OP_PACKET_OPEN);
+    int p = node->packetOpen(0x0806);
+    doc(REMOTE_OP_PACKET_IFINDEX);
+    EXPECT_EQ(5, node->packetIfIndex(p, "br0"));
+    doc(REMOTE_OP_PACKET_SEND);
+    EXPECT_EQ(3, node->packetSend(p, 5, "\x01\x02\x03", 3));
+    doc(REMOTE_OP_PACKET_WAIT);
+    EXPECT_EQ(1, node->packetWait(p, 100)); // real 5 ms at K = 20
+    doc(REMOTE_OP_PACKET_RECV);
+    ASSERT_EQ(4, node->packetRecv(p, buf, 42));
+    EXPECT_EQ(hexBytes("aabbccdd"), Bytes(buf, buf + 4));
+    own("0f000000 08000000 02000000 02000000", "04000000 00000000 04000000 aabbccdd");
+    EXPECT_EQ(2, node->packetRecv(p, buf, 2));
+    doc(REMOTE_OP_CLOSE);
+    node->closeFd(p);
+
+    // Netlink: a connection of its own; after the announcement it carries the driver's
+    // events, each read whole or cut at the reader's bound.
+    sent.push_back(helloOf(2, "netlink"));
+    raw.answer({docExample(REMOTE_OP_HELLO).second});
+    doc(REMOTE_OP_NETLINK_OPEN);
+    int nl = node->netlinkOpen(38);
+    doc(REMOTE_OP_NETLINK_BIND);
+    EXPECT_EQ(0, node->netlinkBind(nl, 12345));
+    Bytes event = docMessages().back().bytes;
+    raw.answer({Bytes(60, 0x5a), event});
+    Bytes announce = docExample(REMOTE_OP_NETLINK_SEND).first;
+    sent.push_back(hex::toHex(announce));
+    EXPECT_EQ(16, node->netlinkSend(nl, announce.data() + 8, 16));
+    EXPECT_EQ(24, node->netlinkRecv(nl, buf, 24));
+    ASSERT_EQ(32, node->netlinkRecv(nl, buf, sizeof buf));
+    EXPECT_EQ(event, Bytes(buf, buf + 32));
+
+    // A reply whose length does not match its body: the emulator is gone for this thread.
+    own("02000000 0f000000 6966636f6e66696720726130207570", "00000000 00000000 05000000 00");
+    EXPECT_EQ(1, node->runShell("ifconfig ra0 up"));
+    EXPECT_RESULT(-1, ENODEV, node->wlanIoctl(s, 0x8BF5, &iw)); // not sent
+    EXPECT_EQ(sent, raw.take());
 }
 
 } // namespace

@@ -32,9 +32,9 @@ TEST_F(PayloadTest, BeaconAssociationRequestAndProbeResponseTemplate) {
     ASSERT_EQ(0u, mesh_payload_buildBeacon(kMac, &beacon));
     ASSERT_EQ(0u, fillIntoAssocRequest(&assoc));
     ASSERT_EQ(0u, mesh_payload_buildProbeRsp(kMac, &rsp));
-    EXPECT_EQ(hex("02" + kLabel + "01 001122334455"), hexOf(beacon));
-    EXPECT_EQ(hex("02" + kLabel + "01 001122334455"), hexOf(assoc));
-    EXPECT_EQ(hex("00" + kLabel + "01 001122334455 80" + zeros(128)), hexOf(rsp));
+    EXPECT_EQ(hexText("02" + kLabel + "01 001122334455"), hexOf(beacon));
+    EXPECT_EQ(hexText("02" + kLabel + "01 001122334455"), hexOf(assoc));
+    EXPECT_EQ(hexText("00" + kLabel + "01 001122334455 80" + zeros(128)), hexOf(rsp));
     EXPECT_EQ("", fake.takeStdout());
 
     EXPECT_EQ(1u, fillIntoAssocRequest(nullptr));
@@ -60,7 +60,7 @@ TEST_F(PayloadTest, ProbeRequestFromConfigurationAndKey) {
     ASSERT_EQ(0u, fillIntoProbeRequest(&req, 1));
     MESH_RSA_KEY key;
     ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&key));
-    EXPECT_EQ(hex("02" + kLabel +
+    EXPECT_EQ(hexText("02" + kLabel +
                   "01 03 09 0201" // flags: searching + reset; vlanId LE
                   "c0c1c2c3c4c5c6c7c8c9cacbcccdcecf d0d1d2d3d4d5d6d7d8d9dadbdcdddedf 001122334455"
                   // "ABCDEFGHIJKLMNOPQRSTUVWXYZ01234" and its terminator, probeTextAttr, keyLen
@@ -86,11 +86,11 @@ TEST_F(PayloadTest, ChildRecordWithAndWithoutPairingData) {
     memset(&rec, 0xEE, sizeof rec);
     // A child not heard yet: lengths 0, zero blocks, still 280 bytes.
     ASSERT_EQ(0u, mesh_payload_buildChildRecord(mac, digest.data(), 0, nullptr, 0, nullptr, &rec));
-    EXPECT_EQ(hex(head + zeros(1 + 128 + 1 + 128)), hexOf(rec));
+    EXPECT_EQ(hexText(head + zeros(1 + 128 + 1 + 128)), hexOf(rec));
     const Bytes d1(128, 0x11), d2(128, 0x22);
     ASSERT_EQ(0u, mesh_payload_buildChildRecord(mac, digest.data(), 128, d1.data(), 128, d2.data(),
                                                 &rec));
-    EXPECT_EQ(hex(head + "80" + std::string(256, '1') + "80" + std::string(256, '2')), hexOf(rec));
+    EXPECT_EQ(hexText(head + "80" + std::string(256, '1') + "80" + std::string(256, '2')), hexOf(rec));
     EXPECT_EQ(1u,
               mesh_payload_buildChildRecord(nullptr, digest.data(), 0, nullptr, 0, nullptr, &rec));
     EXPECT_EQ(1u, mesh_payload_buildChildRecord(mac, nullptr, 0, nullptr, 0, nullptr, &rec));
@@ -105,7 +105,7 @@ TEST_F(PayloadTest, PairingBlocks) {
     MESH_PAIR_BLOCK_ADDR blk;
     memset(&blk, 0xEE, sizeof blk);
     ASSERT_EQ(0u, mesh_payload_buildPairBlockAddr(secret.data(), &addr, &blk));
-    EXPECT_EQ(hex("000102030405060708090a0b0c0d0e0f 3139322e3136382e312e3130" + zeros(80 - 12) +
+    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 3139322e3136382e312e3130" + zeros(80 - 12) +
                   "00001f90 12345678" + zeros(13)),
               hexOf(blk));
     // 79 characters keep their terminator at offset 95; a field of 80 characters without a
@@ -126,7 +126,7 @@ TEST_F(PayloadTest, PairingBlocks) {
     memset(&idBlk, 0xEE, sizeof idBlk);
     ASSERT_EQ(0u, mesh_payload_buildPairBlockId(secret.data(), &id, &idBlk));
     EXPECT_EQ(
-        hex("000102030405060708090a0b0c0d0e0f 56542d3031" + zeros(33 - 5) + "00000102" + zeros(64)),
+        hexText("000102030405060708090a0b0c0d0e0f 56542d3031" + zeros(33 - 5) + "00000102" + zeros(64)),
         hexOf(idBlk));
     // An identity that fills all 33 bytes is cut to 32 characters and terminated.
     memset(id.vintacId, 'Q', sizeof id.vintacId);

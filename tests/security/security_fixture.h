@@ -3,6 +3,7 @@
 #pragma once
 
 #include "fake_os.h"
+#include "test_util.h"
 #include "security/mesh_rsa.h"
 
 #include <algorithm>
@@ -19,15 +20,6 @@ inline bool errorLine(const std::string& out, const std::string& func, const std
     return out.size() == head.size() + 7 + text.size() + 2 && out.rfind(head, 0) == 0 &&
            std::all_of(out.begin() + head.size(), out.begin() + head.size() + 5, ::isdigit) &&
            out.compare(head.size() + 5, std::string::npos, ": " + text + "\r\n") == 0;
-}
-
-// Lowercase hex of a record, to compare with a hex text written by hand (blanks ignored).
-template <typename T> std::string hexOf(const T& v) {
-    return toHex(&v, sizeof v);
-}
-inline std::string hex(const std::string& spaced) {
-    Bytes b = hexBytes(spaced);
-    return toHex(b.data(), b.size());
 }
 
 // A temporary directory in which the test runs the `openssl` tool.

@@ -60,41 +60,6 @@ std::string printable(const void* data, size_t len) {
 
 } // namespace
 
-Bytes hexBytes(const std::string& hex) {
-    Bytes out;
-    int hi = -1;
-    for (char c : hex) {
-        int v;
-        if (c >= '0' && c <= '9') {
-            v = c - '0';
-        } else if (c >= 'a' && c <= 'f') {
-            v = c - 'a' + 10;
-        } else if (c >= 'A' && c <= 'F') {
-            v = c - 'A' + 10;
-        } else {
-            continue;
-        }
-        if (hi < 0) {
-            hi = v;
-        } else {
-            out.push_back(static_cast<uint8_t>(hi << 4 | v));
-            hi = -1;
-        }
-    }
-    return out;
-}
-
-std::string toHex(const void* data, size_t len) {
-    static const char* digits = "0123456789abcdef";
-    std::string out;
-    const auto* p = static_cast<const uint8_t*>(data);
-    for (size_t i = 0; i < len; ++i) {
-        out += digits[p[i] >> 4];
-        out += digits[p[i] & 15];
-    }
-    return out;
-}
-
 FakeOs::FakeOs() : device_(defaultDeviceConfig()) {
     char tmpl[] = "/tmp/zormesh-fake-XXXXXX";
     const char* dir = mkdtemp(tmpl);

@@ -12,6 +12,7 @@
 // call of a group fail and tells afterwards whether it fired.
 #pragma once
 
+#include "platform/hex.h"
 #include "platform/os.h"
 
 #include <condition_variable>
@@ -25,10 +26,9 @@
 
 using Bytes = std::vector<uint8_t>;
 
-// Parses "01 02 0a" or "01020a" (blanks, newlines and ':' ignored) into bytes.
-Bytes hexBytes(const std::string& hex);
-// Lowercase hex of `len` bytes without separators.
-std::string toHex(const void* data, size_t len);
+// hexBytes("01 02 0a"), toHex(data, len): see platform/hex.h.
+using hex::hexBytes;
+using hex::toHex;
 
 class FakeOs : public Os {
   public:

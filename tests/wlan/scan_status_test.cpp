@@ -81,7 +81,7 @@ TEST_F(ScanStatus, SurveyRetriesWhileTheDriverIsBusyAndGivesUpAfterFifteenAttemp
     MESH_SCAN_CANDIDATE out[20];
     EXPECT_EQ(0u, mesh_wlan_scanParentAp(nullptr, &count, out));
     ASSERT_EQ(1, count);
-    EXPECT_EQ(hex("021122334401 2c 23 c4 01"), toHex(out, 10)) << "rssi -60 gives 35 and 196";
+    EXPECT_EQ(hexText("021122334401 2c 23 c4 01"), toHex(out, 10)) << "rssi -60 gives 35 and 196";
     EXPECT_EQ((Lines{retry(1), retry(2)}), errors());
     EXPECT_EQ(7000u, fake().nowMillis() - start) << "6 s settle and two 0.5 s waits";
     EXPECT_EQ(Lines{"iwpriv apclii0 set SiteSurvey=1"}, fake().shellLines());
@@ -141,7 +141,7 @@ TEST_F(ScanStatus, CandidatesSkipEmptyForeignAndRepeatedEntriesAndStopAtTwenty) 
     MESH_SCAN_CANDIDATE out[20];
     ASSERT_EQ(0u, mesh_wlan_scanParentAp(nullptr, &count, out));
     ASSERT_EQ(2, count);
-    EXPECT_EQ(hex("021122334420 06 00 a1 02  021122334430 ff 69 0a 03"), toHex(out, 20));
+    EXPECT_EQ(hexText("021122334420 06 00 a1 02  021122334430 ff 69 0a 03"), toHex(out, 20));
     std::vector<Entry> entries;
     for (uint8_t i = 1; i <= 25; ++i) {
         entries.push_back({i, i, -60, 1});
@@ -177,7 +177,7 @@ TEST_F(ScanStatus, OnlineChildrenFromTheStationTable) {
     uint8_t count = 0;
     EXPECT_EQ(0u, mesh_wlan_getOnlineChild(&count, out, 16));
     EXPECT_EQ(4, count);
-    EXPECT_EQ(hex("001122334455 eeee 36000000 07000000 23 c4 eeee 28272625 38373635 eeeeeeee"
+    EXPECT_EQ(hexText("001122334455 eeee 36000000 07000000 23 c4 eeee 28272625 38373635 eeeeeeee"
                   "0807060504030201 1817161514131211 eeeeeeeeeeeeeeee"),
               toHex(&out[0], 56));
     EXPECT_EQ(0x58, out[3].mac[5]);
@@ -224,11 +224,11 @@ TEST_F(ScanStatus, StationStatusAndCommandType17) {
     msg.type = MESH_CMD_GET_STA_STATUS;
     word = 1;
     EXPECT_EQ(0u, mesh_cmd_handle(&msg));
-    EXPECT_EQ(hex("11000000 33333333 01000000 33333333"), toHex(&msg, 16));
+    EXPECT_EQ(hexText("11000000 33333333 01000000 33333333"), toHex(&msg, 16));
     fake().failNth(FakeOs::Op::Ioctl, "0x8BF5 apclii0", 1, ENODEV);
     msg.payload[0] = 7;
     EXPECT_EQ(1u, mesh_cmd_handle(&msg));
-    EXPECT_EQ(hex("11000000 33333333 07000000 33333333"), toHex(&msg, 16));
+    EXPECT_EQ(hexText("11000000 33333333 07000000 33333333"), toHex(&msg, 16));
     EXPECT_EQ(Lines{"call RTPRIV_IOCTL_MESH fail(No such device)"}, errors());
 }
 

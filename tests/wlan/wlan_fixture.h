@@ -3,14 +3,13 @@
 #pragma once
 
 #include "fake_os.h"
+#include "test_util.h"
 #include "wlan/mesh_wlan.h"
 #include "wlan/mesh_wlan_dat.h"
 
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
-
-using Lines = std::vector<std::string>;
 
 // A profile as the driver ships it: header and comments, plain keys, the indexed SSID and
 // WPAPSK keys with their bare base keys, per-VAP lists for 4 VAPs, and CRLF lines.
@@ -40,33 +39,6 @@ inline std::string realisticProfile() {
            "WPAPSK2=\n"
            "WPAPSK3=\n"
            "WPAPSK4=\n";
-}
-
-// The text behind the "[MESH][ERROR](func) NNNNN: " prefix of each error line.
-inline Lines errorTexts(const std::string& out) {
-    Lines texts;
-    for (size_t pos = 0, end; (end = out.find("\r\n", pos)) != std::string::npos; pos = end + 2) {
-        const size_t text = out.find(": ", pos) + 2;
-        texts.push_back(out.substr(text, end - text));
-    }
-    return texts;
-}
-
-// Lowercase hex without separators of a hex text written with blanks, to compare with toHex().
-inline std::string hex(const std::string& spaced) {
-    Bytes b = hexBytes(spaced);
-    return toHex(b.data(), b.size());
-}
-
-// One recorded driver request: number, interface, sub-command flags, and the payload handed in
-// (the length is the payload's).
-inline void expectRequest(const FakeOs::IoctlRecord& r, unsigned long request, const char* ifName,
-                          uint16_t flags, const Bytes& payload) {
-    EXPECT_EQ(request, r.request);
-    EXPECT_EQ(ifName, r.ifName);
-    EXPECT_EQ(flags, r.flags);
-    EXPECT_EQ(payload.size(), r.length);
-    EXPECT_EQ(toHex(payload.data(), payload.size()), toHex(r.payload.data(), r.payload.size()));
 }
 
 class WlanTest : public ::testing::Test {
