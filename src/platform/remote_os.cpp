@@ -471,27 +471,39 @@ int RemoteOs::readRandom(void* buf, size_t len) {
 
 // ---- wireless ioctls ----------------------------------------------------------------------------
 
-int RemoteOs::wlanSocket() {
+// Opens a descriptor of `kind` whose far end the emulator creates with `op` and `len` request
+// bytes. With the emulator gone the descriptor still opens (remote id -1), so that the calls
+// on it fail later the way a vanished driver's would.
+int RemoteOs::openRemote(Kind kind, uint32_t op, const void* req, size_t len) {
     int fd = placeholderFd();
     if (fd < 0) {
         return -1;
     }
     int32_t id = -1;
-    Reply r{};
     Conn* c = threadConn();
-    if (exchange(c, REMOTE_OP_WLAN_SOCKET, 0, &r)) {
-        if (r.result < 0) {
-            close(fd);
-            errno = r.err;
-            return -1;
+    if (c != nullptr) {
+        if (len > 0) {
+            memcpy(body(*c), req, len);
         }
-        id = r.result;
+        Reply r{};
+        if (exchange(c, op, len, &r)) {
+            if (r.result < 0) {
+                close(fd);
+                errno = r.err;
+                return -1;
+            }
+            id = r.result;
+        }
     }
-    if (addDescriptor(Kind::Wlan, fd, id, nullptr) < 0) {
+    if (addDescriptor(kind, fd, id, nullptr) < 0) {
         close(fd);
         return -1;
     }
     return fd;
+}
+
+int RemoteOs::wlanSocket() {
+    return openRemote(Kind::Wlan, REMOTE_OP_WLAN_SOCKET, nullptr, 0);
 }
 
 int RemoteOs::wlanIoctl(int fd, unsigned long request, void* arg) {
@@ -696,30 +708,8 @@ int RemoteOs::netlinkRecv(int fd, void* buf, size_t max) {
 // ---- packet sockets -----------------------------------------------------------------------------
 
 int RemoteOs::packetOpen(uint16_t etherType) {
-    int fd = placeholderFd();
-    if (fd < 0) {
-        return -1;
-    }
-    Conn* c = threadConn();
-    int32_t id = -1;
-    if (c != nullptr) {
-        RemoteU32Req req{etherType};
-        memcpy(body(*c), &req, sizeof req);
-        Reply r{};
-        if (exchange(c, REMOTE_OP_PACKET_OPEN, sizeof req, &r)) {
-            if (r.result < 0) {
-                close(fd);
-                errno = r.err;
-                return -1;
-            }
-            id = r.result;
-        }
-    }
-    if (addDescriptor(Kind::Packet, fd, id, nullptr) < 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    RemoteU32Req req{etherType};
+    return openRemote(Kind::Packet, REMOTE_OP_PACKET_OPEN, &req, sizeof req);
 }
 
 int RemoteOs::packetIfIndex(int fd, const char* ifName) {

@@ -122,6 +122,7 @@ class RemoteOs : public Os {
     uint8_t* body(Conn& c) { return c.buf.data() + sizeof(RemoteReqHeader); }
 
     int addDescriptor(Kind kind, int fd, int32_t remoteId, Conn* conn);
+    int openRemote(Kind kind, uint32_t op, const void* req, size_t len);
     Descriptor* findDescriptor(int fd, Kind kind); // caller holds fdMu_
     int32_t remoteIdOf(int fd, Kind kind);
     Conn* netlinkConnOf(int fd); // null (errno EBADF) for anything but a netlink descriptor
