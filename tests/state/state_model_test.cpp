@@ -1,158 +1,157 @@
-// State vocabulary, the management-state file, the module's getters and commands 13 and 15.
-#include "fake_os.h"
+// State vocabulary, the management-state file, the condition getters, command types 13 and 15,
+// and the wired link-state readers on the contents of the GPON and Ethernet driver files.
+#include "state_fixture.h"
 
-#include "core/mesh_config.h"
-#include "core/mesh_main.h"
 #include "core/mesh_msg.h"
-#include "platform/unix_sock.h"
-#include "state/mesh_state_internal.h"
-#include "wlan/mesh_wlan.h"
-
-#include <gtest/gtest.h>
 
 #include <cstring>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
-class StateModel : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        mesh_state_resetModule();
-        mesh_wlan_resetForTest();
-    }
-    void TearDown() override { mesh_state_resetModule(); }
-    FakeOsScope scope;
-    FakeOs& fake = scope.fake;
-};
+using StateModel = StateTest;
 
 TEST_F(StateModel, NamesAndCauseTexts) {
-    using Fn = const char* (*)(uint32_t);
-    const std::vector<std::pair<Fn, std::vector<const char*>>> tables = {
-        {getMeshStateStr, {"", "MESH_STATE_NORMAL", "MESH_STATE_MESH", "", "MESH_STATE_ISOLATED"}},
-        {getLanStateStr, {"", "LAN_ON", "LAN_OFF", "", ""}},
-        {getStaStateStr, {"STA_DISABLE", "STA_ON", "STA_OFF", "STA_DISABLE", "STA_DISABLE"}},
-        {getOrbStateStr, {"", "ORB_STATE_MANAGED", "ORB_STATE_UNMANAGED", "", ""}},
-        {getNetStateStr,
-         {"", "NETWORK_STATE_ON", "NETWORK_STATE_OFF", "", "NETWORK_STATE_CHECKING"}},
-        {getLoopStateStr, {"", "MESH_LOOP_STATE_ON", "MESH_STATE_OFF", "", ""}},
-    };
-    for (const auto& t : tables) {
-        for (uint32_t v = 0; v < t.second.size(); ++v) {
-            EXPECT_STREQ(t.first(v), t.second[v]) << "value " << v;
+    auto names = [](const char* (*name)(uint32_t)) { // of 0, 1, 2, 3, 4 and -1
+        std::string s;
+        for (uint32_t v : {0u, 1u, 2u, 3u, 4u, STATE_ANY}) {
+            s += std::string(name(v)) + "|";
         }
-    }
-    EXPECT_STREQ(getStaStateStr(STATE_ANY), "STA_DISABLE");
-    EXPECT_STREQ(getNetStateStr(STATE_ANY), "");
+        return s;
+    };
+    EXPECT_EQ("|MESH_STATE_NORMAL|MESH_STATE_MESH||MESH_STATE_ISOLATED||", names(getMeshStateStr));
+    EXPECT_EQ("|LAN_ON|LAN_OFF||||", names(getLanStateStr));
+    EXPECT_EQ("STA_DISABLE|STA_ON|STA_OFF|STA_DISABLE|STA_DISABLE|STA_DISABLE|",
+              names(getStaStateStr));
+    EXPECT_EQ("|ORB_STATE_MANAGED|ORB_STATE_UNMANAGED||||", names(getOrbStateStr));
+    EXPECT_EQ("|NETWORK_STATE_ON|NETWORK_STATE_OFF||NETWORK_STATE_CHECKING||",
+              names(getNetStateStr));
+    EXPECT_EQ("|MESH_LOOP_STATE_ON|MESH_STATE_OFF||||", names(getLoopStateStr));
 
-    // The masks of a rule are printed; "any" is blank except in the station place.
-    MESH_STATE_TRANS_ENTRY managed{4, 1, 1, STATE_ANY, STATE_ANY, 2};
-    EXPECT_STREQ(getTransitionCauseStr(&managed), "STA_ON ORB_STATE_MANAGED  ");
-    MESH_STATE_TRANS_ENTRY loop{2, STATE_ANY, STATE_ANY, STATE_ANY, 1, 1};
-    EXPECT_STREQ(getTransitionCauseStr(&loop), "STA_DISABLE   MESH_LOOP_STATE_ON");
-    MESH_STATE_TRANS_ENTRY lost{1, STATE_ANY, 2, 2, STATE_ANY, 4};
-    EXPECT_STREQ(getTransitionCauseStr(&lost),
-                 "STA_DISABLE ORB_STATE_UNMANAGED NETWORK_STATE_OFF ");
+    // A rule's masks are printed; "any" is blank except in the station place.
+    const std::pair<MESH_STATE_TRANS_ENTRY, const char*> rows[] = {
+        {{4, 1, 1, STATE_ANY, STATE_ANY, 2}, "STA_ON ORB_STATE_MANAGED  "},
+        {{2, STATE_ANY, STATE_ANY, STATE_ANY, 1, 1}, "STA_DISABLE   MESH_LOOP_STATE_ON"},
+        {{1, STATE_ANY, 2, 2, STATE_ANY, 4}, "STA_DISABLE ORB_STATE_UNMANAGED NETWORK_STATE_OFF "},
+    };
+    for (const auto& [row, text] : rows) {
+        EXPECT_STREQ(text, getTransitionCauseStr(&row));
+    }
 }
 
 TEST_F(StateModel, ManagementFile) {
-    const std::vector<std::pair<std::string, uint32_t>> cases = {
+    // 4294967299 is not 3 cut to 32 bits.
+    const std::pair<const char*, uint32_t> cases[] = {
         {"4", ORB_STATE_MANAGED},    {"3\n", ORB_STATE_MANAGED},
         {"7", ORB_STATE_UNMANAGED},  {"0", ORB_STATE_UNMANAGED},
-        {"34", ORB_STATE_UNMANAGED}, {"", ORB_STATE_UNREADABLE},
-        {"x", ORB_STATE_UNREADABLE}, {"99999999999", ORB_STATE_UNMANAGED},
-    };
-    for (const auto& c : cases) {
-        fake.writeFile("/tmp/ORB_STATE", c.first);
-        EXPECT_EQ(getOrbState(), c.second) << "file \"" << c.first << "\"";
-        EXPECT_EQ(fake.readFile("/tmp/ORB_STATE"), c.first); // reading never writes
+        {"34", ORB_STATE_UNMANAGED}, {"4294967299", ORB_STATE_UNMANAGED},
+        {"", ORB_STATE_UNREADABLE},  {"x", ORB_STATE_UNREADABLE}};
+    for (const auto& [text, state] : cases) {
+        fake.writeFile(ORB_STATE_PATH, text);
+        EXPECT_EQ(state, getOrbState()) << '"' << text << '"';
+        EXPECT_EQ(text, fake.readFile(ORB_STATE_PATH)); // reading never writes
     }
-    std::string path = fake.rooted("/tmp/ORB_STATE");
+    const std::string path = fake.rooted(ORB_STATE_PATH);
     unlink(path.c_str());
-    EXPECT_EQ(getOrbState(), ORB_STATE_UNMANAGED);
+    EXPECT_EQ(ORB_STATE_UNMANAGED, getOrbState());
     struct stat st;
-    EXPECT_NE(stat(path.c_str(), &st), 0) << "reading must not create the file";
+    EXPECT_NE(0, stat(path.c_str(), &st)) << "reading must not create the file";
 
-    EXPECT_EQ(setOrbStateUnknown(), 0u);
-    EXPECT_EQ(fake.readFile("/tmp/ORB_STATE"), "7\n");
-    fake.writeFile("/tmp/ORB_STATE", "4\n");
-    EXPECT_EQ(setOrbStateUnknown(), 0u);
-    EXPECT_EQ(fake.readFile("/tmp/ORB_STATE"), "7\n");
-
+    EXPECT_EQ(0u, setOrbStateUnknown()); // creates the file, and truncates a longer one
+    EXPECT_EQ("7\n", fake.readFile(ORB_STATE_PATH));
+    fake.writeFile(ORB_STATE_PATH, "1234\n");
+    EXPECT_EQ(0u, setOrbStateUnknown());
+    EXPECT_EQ("7\n", fake.readFile(ORB_STATE_PATH));
     unlink(path.c_str());
-    ASSERT_EQ(mkdir(path.c_str(), 0755), 0); // cannot be opened for writing
-    EXPECT_EQ(setOrbStateUnknown(), 1u);
+    ASSERT_EQ(0, mkdir(path.c_str(), 0755)); // cannot be opened for writing
+    EXPECT_EQ(1u, setOrbStateUnknown());
     rmdir(path.c_str());
 }
 
-TEST_F(StateModel, WordsAndGetters) {
-    uint32_t state = 0;
-    EXPECT_EQ(mesh_state_getMeshState(nullptr), 1u);
-    setMeshState(MESH_STATE_ISOLATED);
-    EXPECT_EQ(mesh_state_getMeshState(&state), 0u);
-    EXPECT_EQ(state, 4u);
-    EXPECT_EQ(setLanIfName("abcdefghijklmnopqrst"), 0u);
-    EXPECT_STREQ(getLanIfName(), "abcdefghijklmno");
-    EXPECT_EQ(setLanIfName(nullptr), 1u);
-    EXPECT_STREQ(getLanIfName(), "abcdefghijklmno");
-
-    fake.setProc("/proc/gpon/linkstate", "1\n");
-    fake.setProc("/proc/gpon/state", "5\n");
-    EXPECT_EQ(getLanState(), static_cast<uint32_t>(LAN_ON));
+TEST_F(StateModel, GettersAndCommands) {
+    EXPECT_EQ(0u, setLanIfName("abcdefghijklmnopqrst"));
+    EXPECT_EQ(1u, setLanIfName(nullptr)); // changes nothing
+    EXPECT_STREQ("abcdefghijklmno", getLanIfName());
 
     uint32_t word = 5;
-    int err = 0;
     fake.onIoctl(RTPRIV_IOCTL_MESH, [&](FakeOs::Ioctl& io) {
         memcpy(io.data, &word, sizeof word);
-        return err;
+        return 0;
     });
-    EXPECT_EQ(getStaState(), static_cast<uint32_t>(STA_ON));
-    EXPECT_EQ(fake.ioctls(RTPRIV_IOCTL_MESH).at(0).flags, MESH_SUBCMD_GET_STA_STATUS);
+    EXPECT_EQ(STA_ON, getStaState());
+    fake.failNth(FakeOs::Op::Ioctl, "", 1, EIO); // a refused query reads as not associated
+    EXPECT_EQ(STA_OFF, getStaState());
     word = 0;
-    EXPECT_EQ(getStaState(), static_cast<uint32_t>(STA_OFF));
-    word = 1;
-    err = EIO; // a refused query reads as not associated
-    EXPECT_EQ(getStaState(), static_cast<uint32_t>(STA_OFF));
+    EXPECT_EQ(STA_OFF, getStaState());
+
+    // Type 13 answers the mesh state at payload offset 0; type 15 stores the request word.
+    MESH_CMD_MSG msg;
+    memset(&msg, 0x5A, sizeof msg);
+    msg.type = MESH_CMD_GET_MESH_STATE;
+    setMeshState(MESH_STATE_ISOLATED);
+    EXPECT_EQ(0u, mesh_cmd_handle(&msg));
+    EXPECT_EQ(hexText("0d000000 5a5a5a5a 04000000 5a5a5a5a"), toHex(&msg, 16));
+    EXPECT_EQ(1u, mesh_state_getMeshState(nullptr));
+    msg.type = MESH_CMD_REQUEST_RESCAN;
+    for (uint32_t request : {1u, 0u}) {
+        memcpy(msg.payload, &request, sizeof request);
+        EXPECT_EQ(0u, mesh_cmd_handle(&msg));
+        EXPECT_EQ(request, getRescanRequest());
+    }
 }
 
-TEST_F(StateModel, CommandsThroughTheSocket) {
-    UNIX_SOCK_SRV_CTX srv;
-    memset(&srv, 0, sizeof srv);
-    ASSERT_EQ(unix_sock_initSrv(MESH_CMD_SRV_ID, &srv, MESH_CMD_SRV_BACKLOG), 0);
-    auto roundTrip = [&](const MESH_CMD_MSG& req) {
-        int fd = unix_sock_connectPath(srv.path);
-        EXPECT_EQ(unix_sock_sendHeader(fd, MESH_CMD_MSG_LEN, MESH_CMD_MSG_CODE), 0);
-        EXPECT_EQ(unix_sock_sendData(fd, &req, MESH_CMD_MSG_LEN), 0);
-        mesh_receive_cmd(srv.listenFd);
-        MESH_CMD_MSG reply;
-        int32_t len = 0;
-        EXPECT_EQ(unix_sock_recvHeader(fd, MESH_CMD_MSG_CODE, &len), 0);
-        EXPECT_EQ(unix_sock_recvData(fd, MESH_CMD_MSG_LEN, &reply), 0);
-        close(fd);
-        return reply;
+TEST_F(StateModel, GponUplink) {
+    EXPECT_EQ(LAN_OFF, getLanState()); // no GPON files
+    EXPECT_EQ(0, getGponState());
+    EXPECT_EQ("open /proc/gpon/linkstate error!\nopen /proc/gpon/state error!\n",
+              fake.stderrText());
+    const struct {
+        const char *link, *state;
+        uint32_t lan;
+        size_t stateReads; // the state file is not read while the link is down
+    } cases[] = {
+        {"1\n", "5", LAN_ON, 1}, {"1", "4", LAN_OFF, 1},           {"0", "5", LAN_OFF, 0},
+        {"2", "5", LAN_OFF, 0},  {"1", "          5", LAN_OFF, 1}, // only 10 bytes are read
     };
-    MESH_CMD_MSG req;
-    memset(&req, 0x5A, sizeof req);
-    req.type = MESH_CMD_GET_MESH_STATE;
-    setMeshState(MESH_STATE_ISOLATED);
-    MESH_CMD_MSG reply = roundTrip(req);
-    const uint8_t isolated[4] = {0x04, 0x00, 0x00, 0x00};
-    EXPECT_EQ(memcmp(reply.payload, isolated, 4), 0);
-    EXPECT_EQ(memcmp(&reply, &req, 8), 0); // type and reserved bytes as sent
-    EXPECT_EQ(memcmp(reply.payload + 4, req.payload + 4, sizeof req.payload - 4), 0);
+    for (const auto& c : cases) {
+        fake.setProc(GPON_LINKSTATE_PATH, c.link);
+        fake.setProc(GPON_STATE_PATH, c.state);
+        fake.clearRecords();
+        EXPECT_EQ(c.lan, getLanState()) << c.link << " " << c.state;
+        EXPECT_EQ(c.stateReads, reads(GPON_STATE_PATH)) << c.link;
+    }
+}
 
-    req.type = MESH_CMD_REQUEST_RESCAN;
-    const uint8_t one[4] = {0x01, 0x00, 0x00, 0x00};
-    memcpy(req.payload, one, 4);
-    reply = roundTrip(req);
-    EXPECT_EQ(getRescanRequest(), 1u);
-    EXPECT_EQ(memcmp(&reply, &req, sizeof req), 0);
-    memset(req.payload, 0, 4);
-    roundTrip(req);
-    EXPECT_EQ(getRescanRequest(), 0u);
-    EXPECT_EQ(fake.takeStdout(), "");
-    close(srv.listenFd);
+TEST_F(StateModel, DownlinkPorts) {
+    EXPECT_EQ(0, isEthPortDown("pon0", 3)); // no status file: up
+    EXPECT_EQ(1, isEthPortDown(nullptr, 1));
+    const std::pair<const char*, const char*> cases[] = {
+        // line, down for ports 0 to 6
+        {"1 2 1 0 0\n", "1010111"},
+        {"0 1\n1 1 1", "1101111"},       // one line; missing numbers are 0
+        {"1  1  1  1     1", "1000011"}, // only 15 characters: the fifth number is lost
+    };
+    for (const auto& [line, down] : cases) {
+        fake.setProc(ETH_PORT_STATUS_PATH, line);
+        std::string got;
+        for (int port = 0; port <= 6; ++port) {
+            got += std::to_string(isEthPortDown("pon0", port));
+        }
+        EXPECT_EQ(down, got) << line;
+    }
+
+    fake.setProc(ETH_PORT_STATUS_PATH, "2 1 1 1 1");
+    fake.device().downLinkPortNum = 2;
+    fake.clearRecords();
+    int32_t states[6] = {-7, -7, -7, -7, -7, -7};
+    downLinkPortGetState(states, 5);
+    const std::vector<int32_t> expected = {-7, 2, 1, -7, -7, -7};
+    EXPECT_EQ(expected, std::vector<int32_t>(states, states + 6));
+    EXPECT_EQ(2u, reads(ETH_PORT_STATUS_PATH)); // opened anew per port
+    fake.device().downLinkPortNum = 5;          // too many for the capacity: nothing written
+    downLinkPortGetState(states, 5);
+    EXPECT_EQ(expected, std::vector<int32_t>(states, states + 6));
+    EXPECT_EQ(Lines{"port num to large, 5 >= 5\n"}, errors());
 }
 
 } // namespace

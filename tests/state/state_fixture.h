@@ -1,0 +1,129 @@
+// The one fixture of the state module's tests: the fake board with the bridge br0 (index 7),
+// the mesh station interface apclii0 (index 12) and hosts on the bridge that answer ARP
+// requests for their address. The network check's thread only waits to be cancelled; the
+// tests drive the ticks themselves on the fake clock.
+#pragma once
+
+#include "test_util.h"
+
+#include "core/mesh_log.h"
+#include "platform/byteorder.h"
+#include "state/mesh_link.h"
+#include "state/mesh_netchk.h"
+#include "state/mesh_state_internal.h"
+#include "wlan/mesh_wlan.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <map>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+constexpr uint32_t kDevice = 0xC0A8010A;  // 192.168.1.10/24
+constexpr uint32_t kGateway = 0xC0A80101; // 192.168.1.1
+constexpr uint32_t kTarget = 0xC0A80114;  // 192.168.1.20
+const Bytes kOwnMac = hexBytes("020000000001");
+const Bytes kGwMac = hexBytes("0a1b2c3d4e5f");
+const Bytes kHostMac = hexBytes("00667788 99aa");
+constexpr const char* kCount = MESH_CONFIG_COUNT_PATH;
+constexpr const char* kLoop = MESH_LOOP_STATUS_PATH;
+
+inline std::string ipHex(uint32_t ip) {
+    char s[9];
+    snprintf(s, sizeof s, "%08x", ip);
+    return s;
+}
+// An ARP frame spelled out field by field, from (MAC, address) to (MAC, address).
+inline Bytes arp(const Bytes& from, uint32_t fromIp, const Bytes& to, uint32_t toIp, int op = 2) {
+    const std::string f = toHex(from.data(), 6), t = toHex(to.data(), 6);
+    return hexBytes(t + f + "0806 0001 0800 06 04 000" + std::to_string(op) + f + ipHex(fromIp) +
+                    t + ipHex(toIp));
+}
+
+inline NETCHK_CONFIG config(uint32_t targetSet = 0, uint32_t target = 0) {
+    return NETCHK_CONFIG{1, targetSet, target, kGateway, kDevice, 0xFFFFFF00, 0};
+}
+
+inline std::atomic<int> g_threadStarts{0}, g_threadsCancelled{0};
+inline void* parkedThread(void*) {
+    ++g_threadStarts;
+    pthread_cleanup_push([](void*) { ++g_threadsCancelled; }, nullptr);
+    for (;;) {
+        pause();
+    }
+    pthread_cleanup_pop(0);
+}
+// The cancellation completes on the other thread; true once `n` threads have ended.
+inline bool threadsCancelled(int n) {
+    for (long i = 0; i < 100000000L && g_threadsCancelled < n; ++i) {
+        sched_yield();
+    }
+    return g_threadsCancelled >= n;
+}
+
+class StateTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        mesh_state_resetModule();
+        mesh_netChk_resetModule();
+        mesh_wlan_resetForTest();
+        mesh_netChk_setThreadBody(parkedThread);
+        g_threadStarts = g_threadsCancelled = 0;
+        fake.setIfIndex("br0", 7);
+        fake.setIfIndex("apclii0", 12);
+        hosts[kGateway] = kGwMac;
+        fake.onPacketSend([this](const FakeOs::Packet& p) {
+            const uint32_t asked = get_be32(&p.frame[38]);
+            if (answering && hosts.count(asked) != 0) {
+                fake.queuePacket(arp(hosts[asked], asked, kOwnMac, kDevice));
+            }
+        });
+    }
+    void TearDown() override {
+        mesh_netChk_destroy();
+        mesh_netChk_setThreadBody(nullptr);
+        mesh_netChk_resetModule();
+        mesh_state_resetModule();
+        if (g_meshLog != nullptr) {
+            fclose(g_meshLog);
+            g_meshLog = nullptr;
+        }
+    }
+    // Starts the network check with a kernel counter that stands at 100.
+    void start(const NETCHK_CONFIG& cfg) {
+        ASSERT_EQ(0u, mesh_netChk_init(&cfg, kOwnMac.data(), "pon0"));
+        fake.setProc(kCount, "100");
+        fake.clearRecords();
+    }
+    void tick(int n = 1) { // ticks of the thread, each with its one-second sleep
+        for (int i = 0; i < n; ++i) {
+            mesh_netChk_tick(&t);
+            fake.advanceSeconds(1);
+        }
+    }
+    // The lines written to the kernel, each checked for its one terminating NUL.
+    Lines lines() {
+        Lines out;
+        for (const auto& w : fake.procWrites()) {
+            const std::string s(w.bytes.begin(), w.bytes.end());
+            EXPECT_EQ(kCount, w.path);
+            EXPECT_EQ(s.size() - 1, s.find('\0')) << s;
+            out.push_back(s.substr(0, s.size() - 1));
+        }
+        return out;
+    }
+    size_t arps() { return fake.packetsSent().size(); }
+    size_t reads(const std::string& path) {
+        const Lines r = fake.procReads();
+        return static_cast<size_t>(std::count(r.begin(), r.end(), path));
+    }
+    Lines errors() { return errorTexts(fake.takeStdout()); }
+
+    FakeOsScope scope;
+    FakeOs& fake = scope.fake;
+    std::map<uint32_t, Bytes> hosts; // who answers ARP requests on the bridge
+    bool answering = true;
+    NETCHK_TICK t;
+};
