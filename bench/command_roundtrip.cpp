@@ -131,8 +131,8 @@ int main(int argc, char** argv) {
         echo = std::max(echo, measure(echoCtx.path, echoCtx.listenFd, false, count));
         daemon = std::max(daemon, measure(daemonCtx.path, daemonCtx.listenFd, true, count));
     }
-    printf("command round trips: daemon %.0f/s, plain echo %.0f/s, ratio %.3f (%d each)\n",
-           daemon, echo, daemon / echo, count);
+    printf("command round trips: daemon %.0f/s, plain echo %.0f/s, ratio %.3f (%d each)\n", daemon,
+           echo, daemon / echo, count);
     close(daemonCtx.listenFd);
     close(echoCtx.listenFd);
     std::string cleanup = std::string("rm -rf '") + tmpl + "'";

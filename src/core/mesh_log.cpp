@@ -83,6 +83,6 @@ void mesh_perror(const char* what) {
     int n = snprintf(buf, sizeof buf, "%s: %s\n", what, strerror(errno));
     if (n > 0) {
         os().writeStderr(buf, static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n)
-                                                                   : sizeof buf - 1);
+                                                                  : sizeof buf - 1);
     }
 }

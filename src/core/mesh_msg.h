@@ -6,9 +6,9 @@
 
 constexpr int MESH_CMD_MSG_LEN = 1456;
 constexpr int MESH_CMD_PAYLOAD_LEN = 1448;
-constexpr int MESH_CMD_SRV_ID = 21;      // the daemon's command server
+constexpr int MESH_CMD_SRV_ID = 21; // the daemon's command server
 constexpr int MESH_CMD_SRV_BACKLOG = 5;
-constexpr int MESH_CMD_MSG_CODE = 16;    // message code of command traffic
+constexpr int MESH_CMD_MSG_CODE = 16;     // message code of command traffic
 constexpr int MESH_CMD_WAIT_TIMEOUT = 10; // seconds per wait of the serving loop
 
 enum MESH_CMD_TYPE : int32_t {

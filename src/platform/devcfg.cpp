@@ -4,9 +4,13 @@
 
 #include <cstdio>
 
-const char* radio_config_getMeshBkhapIfname(void) { return os().deviceConfig().bkhApIfName; }
+const char* radio_config_getMeshBkhapIfname(void) {
+    return os().deviceConfig().bkhApIfName;
+}
 
-const char* radio_config_getMeshStaIfname(void) { return os().deviceConfig().staIfName; }
+const char* radio_config_getMeshStaIfname(void) {
+    return os().deviceConfig().staIfName;
+}
 
 int radio_config_getMaxVapNum(int /*radio*/) {
     return static_cast<int>(os().deviceConfig().maxVapNum);
@@ -16,7 +20,9 @@ int radio_config_chanLimitSupp(const void* newCfg, const void* oldCfg, uint8_t /
     return (newCfg == nullptr || oldCfg == nullptr) ? 1 : 0;
 }
 
-uint32_t devcfg_downLinkPort_getNum(void) { return os().deviceConfig().downLinkPortNum; }
+uint32_t devcfg_downLinkPort_getNum(void) {
+    return os().deviceConfig().downLinkPortNum;
+}
 
 int devcfg_downLinkPort_getLogicalIfName(uint32_t port, char* buf, size_t len) {
     const DeviceConfig& c = os().deviceConfig();

@@ -120,11 +120,17 @@ int LinuxOs::readRandom(void* buf, size_t len) {
     return n < 0 ? 0 : static_cast<int>(n);
 }
 
-int LinuxOs::wlanSocket() { return socket(AF_INET, SOCK_DGRAM, 0); }
+int LinuxOs::wlanSocket() {
+    return socket(AF_INET, SOCK_DGRAM, 0);
+}
 
-int LinuxOs::wlanIoctl(int fd, unsigned long request, void* arg) { return ioctl(fd, request, arg); }
+int LinuxOs::wlanIoctl(int fd, unsigned long request, void* arg) {
+    return ioctl(fd, request, arg);
+}
 
-int LinuxOs::netlinkOpen(int protocol) { return socket(AF_NETLINK, SOCK_DGRAM, protocol); }
+int LinuxOs::netlinkOpen(int protocol) {
+    return socket(AF_NETLINK, SOCK_DGRAM, protocol);
+}
 
 int LinuxOs::netlinkBind(int fd, uint32_t portId) {
     sockaddr_nl addr{};
@@ -194,17 +200,25 @@ void LinuxOs::closeFd(int fd) {
     }
 }
 
-uint32_t LinuxOs::semKey() { return 0xC11E0761u; }
+uint32_t LinuxOs::semKey() {
+    return 0xC11E0761u;
+}
 
 int LinuxOs::semGet(uint32_t key, int nsems, int flags) {
     return semget(static_cast<key_t>(key), nsems, flags);
 }
 
-int LinuxOs::semSetVal(int id, int num, int value) { return semctl(id, num, SETVAL, value); }
+int LinuxOs::semSetVal(int id, int num, int value) {
+    return semctl(id, num, SETVAL, value);
+}
 
-int LinuxOs::semRemove(int id) { return semctl(id, 0, IPC_RMID); }
+int LinuxOs::semRemove(int id) {
+    return semctl(id, 0, IPC_RMID);
+}
 
-int LinuxOs::semOp(int id, struct sembuf* ops, size_t nops) { return semop(id, ops, nops); }
+int LinuxOs::semOp(int id, struct sembuf* ops, size_t nops) {
+    return semop(id, ops, nops);
+}
 
 uint32_t LinuxOs::uptime() {
     struct sysinfo info {};
@@ -212,7 +226,9 @@ uint32_t LinuxOs::uptime() {
     return static_cast<uint32_t>(info.uptime);
 }
 
-void LinuxOs::sleepSeconds(unsigned sec) { sleepMillis(sec * 1000u); }
+void LinuxOs::sleepSeconds(unsigned sec) {
+    sleepMillis(sec * 1000u);
+}
 
 void LinuxOs::sleepMillis(unsigned ms) {
     timespec req{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
@@ -220,11 +236,17 @@ void LinuxOs::sleepMillis(unsigned ms) {
     }
 }
 
-time_t LinuxOs::wallClock() { return time(nullptr); }
+time_t LinuxOs::wallClock() {
+    return time(nullptr);
+}
 
-int LinuxOs::processId() { return static_cast<int>(getpid()); }
+int LinuxOs::processId() {
+    return static_cast<int>(getpid());
+}
 
-const DeviceConfig& LinuxOs::deviceConfig() { return cfg_; }
+const DeviceConfig& LinuxOs::deviceConfig() {
+    return cfg_;
+}
 
 void LinuxOs::writeStdout(const char* text, size_t len) {
     fwrite(text, 1, len, stdout);

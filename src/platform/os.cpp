@@ -14,4 +14,6 @@ Os& os() {
     return *g_os;
 }
 
-void setOs(Os* impl) { g_os = impl; }
+void setOs(Os* impl) {
+    g_os = impl;
+}

@@ -40,7 +40,8 @@ bool io(int fd, void* buf, size_t len, bool out) {
         if (r <= 0) {
             return false;
         }
-        ssize_t n = out ? send(fd, p + done, len - done, MSG_NOSIGNAL) : recv(fd, p + done, len - done, 0);
+        ssize_t n =
+            out ? send(fd, p + done, len - done, MSG_NOSIGNAL) : recv(fd, p + done, len - done, 0);
         if (n < 0 && errno == EINTR) {
             continue;
         }

@@ -51,7 +51,9 @@ uint32_t mesh_common_ipToStr(uint32_t ip, char* out) {
     return 0;
 }
 
-uint32_t mesh_common_getUptime(void) { return os().uptime(); }
+uint32_t mesh_common_getUptime(void) {
+    return os().uptime();
+}
 
 uint32_t mesh_common_md5(const void* data, uint32_t len, uint8_t* out) {
     if (data == nullptr || out == nullptr || len == 0) {

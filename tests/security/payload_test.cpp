@@ -60,13 +60,14 @@ TEST_F(PayloadTest, ProbeRequestFromConfigurationAndKey) {
     ASSERT_EQ(0u, fillIntoProbeRequest(&req, 1));
     MESH_RSA_KEY key;
     ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&key));
-    EXPECT_EQ(hexText("02" + kLabel +
-                  "01 03 09 0201" // flags: searching + reset; vlanId LE
-                  "c0c1c2c3c4c5c6c7c8c9cacbcccdcecf d0d1d2d3d4d5d6d7d8d9dadbdcdddedf 001122334455"
-                  // "ABCDEFGHIJKLMNOPQRSTUVWXYZ01234" and its terminator, probeTextAttr, keyLen
-                  "4142434445464748494a4b4c4d4e4f50 5152535455565758595a303132333400 5a 80") +
-                  toHex(key.modulus, 128) + "00000102",
-              hexOf(req));
+    EXPECT_EQ(
+        hexText("02" + kLabel +
+                "01 03 09 0201" // flags: searching + reset; vlanId LE
+                "c0c1c2c3c4c5c6c7c8c9cacbcccdcecf d0d1d2d3d4d5d6d7d8d9dadbdcdddedf 001122334455"
+                // "ABCDEFGHIJKLMNOPQRSTUVWXYZ01234" and its terminator, probeTextAttr, keyLen
+                "4142434445464748494a4b4c4d4e4f50 5152535455565758595a303132333400 5a 80") +
+            toHex(key.modulus, 128) + "00000102",
+        hexOf(req));
     EXPECT_EQ("", fake.takeStdout());
 
     for (auto [resetFlag, flag, want] :
@@ -90,7 +91,8 @@ TEST_F(PayloadTest, ChildRecordWithAndWithoutPairingData) {
     const Bytes d1(128, 0x11), d2(128, 0x22);
     ASSERT_EQ(0u, mesh_payload_buildChildRecord(mac, digest.data(), 128, d1.data(), 128, d2.data(),
                                                 &rec));
-    EXPECT_EQ(hexText(head + "80" + std::string(256, '1') + "80" + std::string(256, '2')), hexOf(rec));
+    EXPECT_EQ(hexText(head + "80" + std::string(256, '1') + "80" + std::string(256, '2')),
+              hexOf(rec));
     EXPECT_EQ(1u,
               mesh_payload_buildChildRecord(nullptr, digest.data(), 0, nullptr, 0, nullptr, &rec));
     EXPECT_EQ(1u, mesh_payload_buildChildRecord(mac, nullptr, 0, nullptr, 0, nullptr, &rec));
@@ -106,7 +108,7 @@ TEST_F(PayloadTest, PairingBlocks) {
     memset(&blk, 0xEE, sizeof blk);
     ASSERT_EQ(0u, mesh_payload_buildPairBlockAddr(secret.data(), &addr, &blk));
     EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 3139322e3136382e312e3130" + zeros(80 - 12) +
-                  "00001f90 12345678" + zeros(13)),
+                      "00001f90 12345678" + zeros(13)),
               hexOf(blk));
     // 79 characters keep their terminator at offset 95; a field of 80 characters without a
     // terminator is cut to the same 79.
@@ -125,9 +127,9 @@ TEST_F(PayloadTest, PairingBlocks) {
     MESH_PAIR_BLOCK_ID idBlk;
     memset(&idBlk, 0xEE, sizeof idBlk);
     ASSERT_EQ(0u, mesh_payload_buildPairBlockId(secret.data(), &id, &idBlk));
-    EXPECT_EQ(
-        hexText("000102030405060708090a0b0c0d0e0f 56542d3031" + zeros(33 - 5) + "00000102" + zeros(64)),
-        hexOf(idBlk));
+    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 56542d3031" + zeros(33 - 5) + "00000102" +
+                      zeros(64)),
+              hexOf(idBlk));
     // An identity that fills all 33 bytes is cut to 32 characters and terminated.
     memset(id.vintacId, 'Q', sizeof id.vintacId);
     ASSERT_EQ(0u, mesh_payload_buildPairBlockId(secret.data(), &id, &idBlk));

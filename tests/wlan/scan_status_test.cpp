@@ -178,7 +178,7 @@ TEST_F(ScanStatus, OnlineChildrenFromTheStationTable) {
     EXPECT_EQ(0u, mesh_wlan_getOnlineChild(&count, out, 16));
     EXPECT_EQ(4, count);
     EXPECT_EQ(hexText("001122334455 eeee 36000000 07000000 23 c4 eeee 28272625 38373635 eeeeeeee"
-                  "0807060504030201 1817161514131211 eeeeeeeeeeeeeeee"),
+                      "0807060504030201 1817161514131211 eeeeeeeeeeeeeeee"),
               toHex(&out[0], 56));
     EXPECT_EQ(0x58, out[3].mac[5]);
     EXPECT_EQ(std::string(112, 'e'), toHex(&out[4], 56));
