@@ -30,6 +30,11 @@ TEST_F(NetChk, KernelLineFailuresAndLongPortNames) {
     EXPECT_EQ(Lines{"2 12 pon0 a00000000000000,b00000000000001,c00000000000002,d00000000000003 "
                     "02:00:00:00:00:01 9abda0c2be18b571f1e3178529b52da8"},
               lines());
+
+    fake.setProc(kCount, "none"); // a counter without a number leaves the count alone
+    uint32_t count = 77;
+    EXPECT_EQ(0u, mesh_netChk_getTargetCount(&count));
+    EXPECT_EQ(77u, count);
 }
 
 TEST_F(NetChk, LoopSwitchAndProbes) {
@@ -51,8 +56,10 @@ TEST_F(NetChk, LoopSwitchAndProbes) {
     EXPECT_EQ(MESH_STATE_OFF, mesh_netChk_getLoopState());
     tick(40); // off: no probe, no loop status read
     EXPECT_EQ(0u, reads(kLoop));
+    fake.failNth(FakeOs::Op::ProcWrite, kCount, 1, ENOENT);
+    EXPECT_EQ(1u, mesh_netChk_setLoopbackCheck(1)); // enable line lost: the switch stays off
     EXPECT_EQ(0u, mesh_netChk_setLoopbackCheck(1)); // the set-up only once per run
-    EXPECT_EQ((Lines{"3 0", "3 1", "4"}), lines());
+    EXPECT_EQ((Lines{"3 0", "3 1", "3 1", "4"}), lines());
 
     fake.setProc(kLoop, "2"); // no loop: any value but 1
     fake.clearRecords();
