@@ -159,16 +159,19 @@ bool FakeOs::fired(int handle) const {
 }
 
 int FakeOs::checkFail(Op op, const std::string& key) {
+    // Every matching rule counts every call, so that "the Nth call" means the same whatever
+    // other rules exist; when several fire on one call, the first one's error is used.
+    int err = 0;
     for (FailRule& r : failRules_) {
         if (r.op != op || r.fired || key.find(r.match) == std::string::npos) {
             continue;
         }
         if (++r.seen == r.nth) {
             r.fired = true;
-            return r.err;
+            err = err != 0 ? err : r.err;
         }
     }
-    return 0;
+    return err;
 }
 
 void FakeOs::record(const std::string& line) {

@@ -106,9 +106,9 @@ class FakeOs : public Os {
     void queueNetlink(const Bytes& message);
     // Makes a blocked netlinkRecv return -1 (EBADF), to end a monitor thread in a test.
     void shutdownNetlink();
-    // Makes the Nth (from 1) call of group `op` whose key contains `match` fail with `err`.
-    // Returns a handle for fired(). Keys: shell line, proc path, ioctl "0xNNNN ifname",
-    // packet/netlink: "" (match everything).
+    // Makes the Nth (from 1) call of group `op` whose key contains `match`, counted from now,
+    // fail with `err`. Rules count independently of each other. Returns a handle for fired(). Keys:
+    // shell line, proc path, ioctl "0xNNNN ifname", packet/netlink: "" (match everything).
     int failNth(Op op, const std::string& match, int nth, int err);
     bool fired(int handle) const;
 

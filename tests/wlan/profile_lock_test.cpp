@@ -59,7 +59,7 @@ TEST_F(ProfileLock, SetupFailuresAreReported) {
 TEST_F(ProfileLock, SignalsAreRetriedUpToThirtyAttemptsOtherErrorsStopAtOnce) {
     auto interrupt = [this](int times) {
         for (int i = 0; i < times; ++i) {
-            fake().failNth(FakeOs::Op::SemOp, "", 1, EINTR);
+            fake().failNth(FakeOs::Op::SemOp, "", i + 1, EINTR);
         }
     };
     interrupt(29);
