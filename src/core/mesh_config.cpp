@@ -6,6 +6,7 @@
 
 MESH_ALL_CONFIG g_allConfig;
 pthread_mutex_t g_configMutex = PTHREAD_MUTEX_INITIALIZER;
+uint8_t g_meshRandom[MESH_RANDOM_LEN];
 
 void mesh_config_reset() {
     pthread_mutex_lock(&g_configMutex);

@@ -124,5 +124,10 @@ static_assert(offsetof(MESH_ALL_CONFIG, fullSector) + 4 == MESH_SETTINGS_LEN, "s
 extern MESH_ALL_CONFIG g_allConfig;
 extern pthread_mutex_t g_configMutex;
 
+// The node's secret: 16 random bytes drawn once at the first command type 1. It feeds the
+// backhaul passphrase and is the first field of every pairing block the node encrypts.
+constexpr size_t MESH_RANDOM_LEN = 16;
+extern uint8_t g_meshRandom[MESH_RANDOM_LEN];
+
 // Zeroes the record; for tests, which run many daemons' worth of commands in one process.
 void mesh_config_reset();

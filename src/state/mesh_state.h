@@ -66,3 +66,7 @@ uint32_t mesh_state_getMeshState(uint32_t* state);
 // Posts (non-zero) or withdraws (0) a request to leave MESH_STATE_MESH and search for a
 // parent again. Returns 0.
 uint32_t mesh_state_requestRescan(uint32_t request);
+// Records the uplink interface (cut to 15 characters), the country code and the DFS flag,
+// and starts the state thread the first time it is called; later calls only update the three
+// values. 1 for a null name or when the thread cannot be created, else 0.
+uint32_t mesh_state_init(const char* lanIfName, uint32_t countryCode, uint32_t dfsFlag);
