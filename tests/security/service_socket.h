@@ -1,6 +1,7 @@
 // A management service listening on a Unix stream socket, written from the documented wire
 // format alone: it keeps every message as it arrived (header and body) and answers operation
-// requests with a fixed result and no output.
+// requests with a fixed result and no output. A message is kept before the reply goes out, so
+// once an operation has returned, its message is there.
 #pragma once
 
 #include "fake_os.h"
@@ -66,14 +67,16 @@ class ServiceSocket {
                 memcpy(&len, &m[8], 4);
                 m.resize(16 + len);
                 if (len < 65536 && readAll(c, m.data() + 16, len)) {
+                    {
+                        std::lock_guard<std::mutex> g(mu_);
+                        got_.push_back(toHex(m.data(), m.size()));
+                        cv_.notify_all();
+                    }
                     if (memcmp(m.data(), "WRPQ", 4) == 0) { // an operation: reply, no output
                         Bytes r = hexBytes("57525053 00000000 00000000 00000000");
                         memcpy(&r[4], &result_, 4);
                         (void)!send(c, r.data(), r.size(), MSG_NOSIGNAL);
                     }
-                    std::lock_guard<std::mutex> g(mu_);
-                    got_.push_back(toHex(m.data(), m.size()));
-                    cv_.notify_all();
                 }
             }
             close(c);
