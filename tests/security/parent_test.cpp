@@ -11,6 +11,8 @@
 #include "state/mesh_state_internal.h"
 #include "wlan/mesh_wlan.h"
 
+#include <thread>
+
 namespace {
 
 const uint8_t kParentMac[6] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
@@ -145,6 +147,40 @@ TEST_F(ParentTest, ParentInformationArrivesOverNetlinkAndAChangedModeAsksForARes
     EXPECT_EQ((Lines{"brctl delif br0 apclii0 > /dev/null", "ifconfig apclii0 down"}),
               fake.shellLines());
     EXPECT_EQ(0u, mesh_parentHandler_init()) << "the slot is free again";
+}
+
+// Events on a monitor thread while the command side reads the handler and changes the table:
+// every record is stored whole and in order (run under the thread sanitizer, a race shows).
+TEST_F(ParentTest, MonitorThreadAndCommandThreadShareTheHandler) {
+    MESH_NETLINK_MONITOR mon;
+    ASSERT_EQ(0u, mesh_netlink_monitorOpen(&mon));
+    ASSERT_EQ(0u, mesh_parentHandler_init());
+    constexpr int kEvents = 200;
+    for (uint32_t i = 1; i <= kEvents; ++i) {
+        Bytes msg = hexBytes("28010000 0000 0000 00000000 00000000 02000000 00000000");
+        msg.resize(24 + 280, static_cast<uint8_t>(i));
+        memcpy(&msg[24 + 16], &i, 4);
+        fake.queueNetlink(msg);
+    }
+    std::thread monitor([&] {
+        for (int i = 0; i < kEvents; ++i) {
+            mesh_netlink_monitorStep(&mon);
+        }
+    });
+    uint32_t last = 0;
+    MESH_PARENT_INFO got;
+    for (int i = 0; i < kEvents; ++i) {
+        mesh_netlink_registerCallback(1, [](const void*) {});
+        mesh_netlink_unregisterCallback(1);
+        if (mesh_parentHandler_getParentInfo(&got) == 0) {
+            const uint8_t fill = static_cast<uint8_t>(got.wlanMode); // one record, not two
+            EXPECT_TRUE(got.unused0[0] == fill && got.channel == fill && got.unused279 == fill);
+            EXPECT_LE(last, got.wlanMode);
+            last = got.wlanMode;
+        }
+    }
+    monitor.join();
+    EXPECT_EQ("1 200 200", stored());
 }
 
 TEST_F(ParentTest, ScanBringsTheStationUpAdvertisesTheNodeAndStartsTheSurvey) {
