@@ -7,6 +7,7 @@
 #include "launch.h"
 #include "platform/byteorder.h"
 #include "platform/unix_sock.h"
+#include "state/mesh_state_internal.h"
 
 #include <climits>
 #include <cstdio>
@@ -209,8 +210,18 @@ TEST_F(Zormeshctl, ExitStatusTellsWhatHappened) {
     }
     CtlRun help = ctl({"--help"}, nullptr, false);
     EXPECT_EQ(0, help.status);
-    EXPECT_NE(std::string::npos, help.out.find("usage: zormeshctl [--socket PATH] raw TYPE [HEX]"));
+    EXPECT_NE(std::string::npos, help.out.find("Exit status: 0 a reply came; 1 bad usage"));
     EXPECT_NE(std::string::npos, help.out.find("/var/run/usock/21.sock"));
+}
+
+TEST_F(Zormeshctl, ReadsTheStateOfTheRealServerAsTextAndJson) {
+    setMeshState(MESH_STATE_ISOLATED);
+    EXPECT_EQ("ISOLATED (4)\n", ctl({"state"}, serveOne).out);
+    setMeshState(MESH_STATE_MESH);
+    CtlRun r = ctl({"-j", "state"}, serveOne);
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("{\"state\":\"MESH\",\"value\":2}\n", r.out);
+    setMeshState(MESH_STATE_NORMAL);
 }
 
 } // namespace
