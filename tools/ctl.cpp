@@ -726,9 +726,15 @@ class Cli {
         s << "# bash completion for zormeshctl: source it, or install it as\n"
              "# /usr/share/bash-completion/completions/zormeshctl\n"
              "_zormeshctl() {\n"
-             "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} sub= w\n"
+             "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} sub= skip= "
+             "w\n"
              "    for w in \"${COMP_WORDS[@]:1:COMP_CWORD-1}\"; do\n"
-             "        case $w in -*) ;; *) [ -z \"$sub\" ] && sub=$w ;; esac\n"
+             "        if [ -n \"$skip\" ]; then skip=; continue; fi\n"
+             "        case $w in\n"
+             "            -s|--socket|-t|--timeout) skip=1 ;;\n"
+             "            -*) ;;\n"
+             "            *) [ -z \"$sub\" ] && sub=$w ;;\n"
+             "        esac\n"
              "    done\n"
              "    case $prev in\n"
              "        -s|--socket|-c|--config) COMPREPLY=($(compgen -f -- \"$cur\")); return ;;\n"
@@ -746,6 +752,8 @@ class Cli {
             }
             if (c.app->get_name() == "special") {
                 opts += " restart down up";
+            } else if (c.app->get_name() == "rescan" || c.app->get_name() == "reset-flag") {
+                opts += " on off";
             } else if (c.app->get_name() == "decode-config") {
                 s << "        decode-config) COMPREPLY=($(compgen -f -- \"$cur\")); return ;;\n";
                 continue;

@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <future>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -311,6 +312,16 @@ TEST_F(Ctl, QueryRepliesAsTextAndJson) {
         ASSERT_EQ(0, run({"-j", c.query}, payload));
         EXPECT_EQ(c.json + "\n", out) << c.query;
     }
+}
+
+TEST(CtlDocs, TheTemplateOnThePageIsTheProgramsOwn) {
+    std::ifstream in(std::string(ZORMESH_SOURCE_DIR) + "/docs/zormeshctl.md");
+    const std::string page{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    const size_t start = page.find("```jsonc\n");
+    ASSERT_NE(std::string::npos, start);
+    const size_t end = page.find("```", start + 9);
+    EXPECT_EQ(records::commentedTemplate(records::config()),
+              page.substr(start + 9, end - start - 9));
 }
 
 } // namespace
