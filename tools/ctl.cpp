@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -190,12 +191,27 @@ std::string dump(const Json& j) {
     return j.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+// Text that came from the air, printable: control bytes and blanks as \xNN.
+std::string printable(const std::string& text) {
+    std::string out;
+    for (unsigned char c : text) {
+        if (c <= ' ' || c == 0x7f || c == '\\') {
+            char buf[5];
+            snprintf(buf, sizeof buf, "\\x%02x", c);
+            out += buf;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
 // One entry as "key=value" pairs on one line.
 std::string entryLine(const Json& entry) {
     std::string line;
     for (auto it = entry.begin(); it != entry.end(); ++it) {
         line += (line.empty() ? "" : "  ") + it.key() + "=" +
-                (it->is_string() ? it->get<std::string>() : dump(*it));
+                (it->is_string() ? printable(it->get<std::string>()) : dump(*it));
     }
     return line;
 }

@@ -285,14 +285,14 @@ TEST_F(Ctl, QueryRepliesAsTextAndJson) {
          R"("value52Div1000":20,"signalLevel":55,"rssi":-40,"counter32Low":1,"counter40Low":2,)"
          R"("counter16":3,"counter24":4}]})"},
         {"candidates",
-         "01 000000 020000000002 020000000003 7a6d" + zeros(30) +
+         "01 000000 020000000002 020000000003 7a1b6d" + zeros(29) +
              "000102030405060708090a0b0c0d0e0f 01 09 0f 07 0c f6 0e 00 02010000",
          "1 candidate children\n  deviceMac=02:00:00:00:00:02  staMac=02:00:00:00:00:03  "
-         "probeText=zm  controllerId=000102030405060708090a0b0c0d0e0f  resetFlag=1  "
+         "probeText=z\\x1bm  controllerId=000102030405060708090a0b0c0d0e0f  resetFlag=1  "
          "probeAttr=9  drv15=15  probeTextAttr=7  drv12=12  drv13Best=-10  drv14=14  "
          "verCap=258\n",
          R"({"count":1,"candidates":[{"deviceMac":"02:00:00:00:00:02",)"
-         R"("staMac":"02:00:00:00:00:03","probeText":"zm",)"
+         R"("staMac":"02:00:00:00:00:03","probeText":"z\u001bm",)"
          R"("controllerId":"000102030405060708090a0b0c0d0e0f","resetFlag":1,"probeAttr":9,)"
          R"("drv15":15,"probeTextAttr":7,"drv12":12,"drv13Best":-10,"drv14":14,"verCap":258}]})"},
         {"scan-result", "02 aabbccddeeff 05 37 d8 01 112233445566 06 2d ce 01",
