@@ -99,6 +99,8 @@ TEST_F(Startup, SaysWhichFileItCannotOpenAndWhy) {
         }
         EXPECT_THAT(readFile(root_ + "/node.out"), MatchesRegex(c.errorLog + kProbeLines));
         EXPECT_EQ(c.stderrText, readFile(root_ + "/node.err"));
+        // The driver adapter was set up before the command server, whatever failed.
+        EXPECT_THAT(readFile(root_ + "/emu.out"), HasSubstr(" sem setval "));
     }
 }
 
