@@ -4,12 +4,17 @@
 #include "state_fixture.h"
 
 #include "core/mesh_config.h"
+#include "core/mesh_main.h"
+#include "core/mesh_msg.h"
+#include "platform/unix_sock.h"
 #include "security/mesh_common.h"
 #include "security/mesh_parent.h"
 #include "security/mesh_payload.h"
 #include "security/mesh_rsa.h"
 
 #include <cstring>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -233,6 +238,52 @@ TEST_F(StateThread, EachRuleFromItsState) {
         answering = false;
         fake.setProc(kLoop, "0");
     }
+}
+
+// The command thread serves state queries and a rescan request while both threads tick.
+TEST_F(StateThread, CommandsWhileTheThreadsRun) {
+    UNIX_SOCK_SRV_CTX srv{};
+    ASSERT_EQ(0, unix_sock_initSrv(MESH_CMD_SRV_ID, &srv, MESH_CMD_SRV_BACKLOG));
+    constexpr int kCommands = 12;
+    std::thread server([&] {
+        for (int i = 0; i < kCommands; ++i) {
+            mesh_receive_cmd(srv.listenFd);
+        }
+    });
+    char path[128];
+    ASSERT_EQ(0, unix_sock_srvPath(MESH_CMD_SRV_ID, path, sizeof path));
+    auto command = [&](MESH_CMD_TYPE type, uint32_t word) { // the reply's first payload word
+        MESH_CMD_MSG msg{};
+        msg.type = type;
+        memcpy(msg.payload, &word, sizeof word);
+        const int fd = unix_sock_connectPath(path);
+        EXPECT_EQ(0, unix_sock_sendHeader(fd, sizeof msg, MESH_CMD_MSG_CODE));
+        EXPECT_EQ(0, unix_sock_sendData(fd, &msg, sizeof msg));
+        int32_t len = 0;
+        EXPECT_EQ(0, unix_sock_recvHeader(fd, MESH_CMD_MSG_CODE, &len));
+        EXPECT_EQ(0, unix_sock_recvData(fd, len, &msg));
+        close(fd);
+        memcpy(&word, msg.payload, sizeof word);
+        return word;
+    };
+
+    run();
+    isolate();
+    join();
+    std::vector<uint32_t> states;
+    for (int i = 0; i < kCommands - 1; ++i) {
+        if (i == 2) {
+            command(MESH_CMD_REQUEST_RESCAN, 1);
+        } else {
+            states.push_back(command(MESH_CMD_GET_MESH_STATE, 0));
+        }
+        tick();
+    }
+    command(MESH_CMD_GET_MESH_STATE, 0);
+    server.join();
+    close(srv.listenFd);
+    // Asked in MESH; the request is taken on the next tick, the move comes 5 s later.
+    EXPECT_EQ((std::vector<uint32_t>{2, 2, 2, 2, 2, 2, 2, 4, 4, 4}), states);
 }
 
 TEST_F(StateThread, MovesAndTheirChecks) {
