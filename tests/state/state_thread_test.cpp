@@ -119,7 +119,17 @@ class StateThread : public StateTest {
 
 TEST_F(StateThread, LosesTheUplinkSearchesJoinsRescansAndStopsAtALoop) {
     run(1, 276);
-    tick(59); // the network stays CHECKING for exactly the check time
+    tick(30); // the network stays CHECKING for exactly the check time
+    fake.setProc(GPON_LINKSTATE_PATH, "0");
+    tick();
+    EXPECT_EQ(Lines{"lan state:LAN_ON->LAN_OFF"}, events());
+    fake.setProc(GPON_LINKSTATE_PATH, "1");
+    const size_t probes = arps();
+    tick(); // the uplink came up: the network check probes on its next tick
+    EXPECT_EQ(Lines{"lan state:LAN_OFF->LAN_ON"}, events());
+    tick();
+    EXPECT_EQ(probes + 1, arps());
+    tick(26);
     EXPECT_EQ(MESH_STATE_NORMAL, getMeshState());
     tick();
     EXPECT_EQ(MESH_STATE_ISOLATED, getMeshState());
@@ -284,6 +294,13 @@ TEST_F(StateThread, CommandsWhileTheThreadsRun) {
     close(srv.listenFd);
     // Asked in MESH; the request is taken on the next tick, the move comes 5 s later.
     EXPECT_EQ((std::vector<uint32_t>{2, 2, 2, 2, 2, 2, 2, 4, 4, 4}), states);
+
+    mesh_state_setEnable(0); // disabled: the state is kept while the thread idles
+    tick(3);
+    EXPECT_EQ(MESH_STATE_ISOLATED, getMeshState());
+    mesh_state_setEnable(1); // enabled again: evaluation restarts in NORMAL
+    tick();
+    EXPECT_EQ(MESH_STATE_NORMAL, getMeshState());
 }
 
 TEST_F(StateThread, MovesAndTheirChecks) {
@@ -339,6 +356,19 @@ TEST_F(StateThread, MovesAndTheirChecks) {
         getLanLinkStateTran(LAN_ON, STATE_ANY)};
     EXPECT_EQ((std::vector<int32_t>{1, 2, 4, 8, 8}), std::vector<int32_t>(tran, tran + 5));
     EXPECT_EQ(Lines{"wrong lan state transfer"}, errors());
+
+    // One thread, ever: a second init records its values and starts nothing; a thread that
+    // is not enabled only sleeps.
+    EXPECT_EQ(1u, mesh_state_init(nullptr, 0, 0));
+    ASSERT_EQ(0u, mesh_state_init("pon0", 250, 0));
+    ASSERT_EQ(0u, mesh_state_init("wan1", 276, 1));
+    ASSERT_TRUE(fake.settle(1));
+    EXPECT_STREQ("wan1", getLanIfName());
+    EXPECT_EQ(276u, getCountryCode());
+    EXPECT_EQ(1u, getDfsFlag());
+    fake.clearRecords();
+    tick(5);
+    EXPECT_EQ(Lines{}, fake.transcript());
 }
 
 } // namespace
