@@ -1,5 +1,5 @@
 // Mesh element updates: the element records exactly as the driver receives them.
-#include "radio_fixture.h"
+#include "../wlan/wlan_fixture.h"
 
 #include "wlan/mesh_wlan_ie.h"
 
@@ -7,13 +7,10 @@
 
 namespace {
 
-using IeTest = RadioTest;
+using IeTest = WlanTest;
 
 const std::string kBeacon = "02 5a13c7029e41b86d33f0278ad4690be5 01 001122334455";
 
-std::string zeros(size_t n) {
-    return std::string(2 * n, '0');
-}
 template <typename T> T fromHex(const std::string& text) {
     Bytes b = hexBytes(text);
     EXPECT_EQ(sizeof(T), b.size());
@@ -93,12 +90,11 @@ TEST_F(IeTest, RefusedRequestsAndMissingArguments) {
     EXPECT_EQ(5u, fake().ioctls().size());
 
     fake().clearRecords();
-    EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("", &beacon));
-    EXPECT_EQ(1u, mesh_wlan_deleteNormalApBeacon("ra0", nullptr));
-    EXPECT_EQ(1u, mesh_wlan_updateBkhApBeacon(nullptr));
-    EXPECT_EQ(1u, mesh_wlan_updateProbeReq(nullptr));
-    EXPECT_EQ(1u, mesh_wlan_updateAssocReq(nullptr));
-    EXPECT_EQ(1u, mesh_wlan_updateProbeRes(nullptr));
+    // Each refusal answers 1: the conjunction is 1 only when all of them refuse.
+    EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("", &beacon) &
+                      mesh_wlan_deleteNormalApBeacon("ra0", nullptr) &
+                      mesh_wlan_updateBkhApBeacon(nullptr) & mesh_wlan_updateProbeReq(nullptr) &
+                      mesh_wlan_updateAssocReq(nullptr) & mesh_wlan_updateProbeRes(nullptr));
     EXPECT_TRUE(fake().ioctls().empty());
     EXPECT_TRUE(errors().empty());
 }
