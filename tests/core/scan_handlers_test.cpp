@@ -1,7 +1,5 @@
 // The candidate-parent scan commands: one detached scan at a time, its state, its result (a
 // reader waits for a running scan), and the scan-done notice at the event service.
-#include <utility> // service_socket.h uses std::exchange
-
 #include "../security/service_socket.h"
 #include "../wlan/wlan_fixture.h"
 
@@ -9,6 +7,7 @@
 #include "core/mesh_handle_scan.h"
 #include "platform/byteorder.h"
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 
@@ -35,25 +34,6 @@ class ScanHandlers : public WlanTest {
         waitIdle();
         mesh_config_reset();
         WlanTest::TearDown();
-    }
-    // Holds every scan at its first driver step until open() is called.
-    void gateScans() {
-        fake().onShell("iwpriv apclii0 set SiteSurvey=1", [this](const std::string&) {
-            std::unique_lock<std::mutex> g(mu);
-            entered = true;
-            cv.notify_all();
-            cv.wait(g, [this] { return opened; });
-            return 0;
-        });
-    }
-    void waitEntered() {
-        std::unique_lock<std::mutex> g(mu);
-        cv.wait(g, [this] { return entered; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> g(mu);
-        opened = true;
-        cv.notify_all();
     }
     uint32_t start(uint32_t notify) {
         uint8_t req[8] = {};
@@ -85,24 +65,23 @@ class ScanHandlers : public WlanTest {
         }
         ADD_FAILURE() << "scan still running";
     }
-    size_t surveys() {
-        size_t n = 0;
-        for (const auto& l : fake().shellLines()) {
-            n += l == "iwpriv apclii0 set SiteSurvey=1";
-        }
-        return n;
+    long surveys() {
+        const Lines l = fake().shellLines();
+        return std::count(l.begin(), l.end(), "iwpriv apclii0 set SiteSurvey=1");
     }
-
-    std::mutex mu;
-    std::condition_variable cv;
-    bool entered = false;
-    bool opened = false;
 };
 
 TEST_F(ScanHandlers, SecondRequestStartsNothingAndAReaderWaitsForTheRunningScan) {
-    gateScans();
+    // The scan is held at its first driver step until the gate opens.
+    std::promise<void> entered, gate;
+    std::shared_future<void> opened = gate.get_future().share();
+    fake().onShell("iwpriv apclii0 set SiteSurvey=1", [&entered, opened](const std::string&) {
+        entered.set_value();
+        opened.wait();
+        return 0;
+    });
     ASSERT_EQ(0u, start(0));
-    waitEntered();
+    entered.get_future().wait();
     EXPECT_EQ(0u, start(0)) << "accepted, but no second scan";
     EXPECT_EQ(1u, state());
     std::atomic<bool> done{false};
@@ -112,17 +91,16 @@ TEST_F(ScanHandlers, SecondRequestStartsNothingAndAReaderWaitsForTheRunningScan)
         return r;
     });
     EXPECT_FALSE(done) << "type 11 returned while the scan still held its result";
-    open();
+    gate.set_value();
     EXPECT_EQ(hexText("01 021122334401 07 2d ce 01"), reader.get());
     waitIdle();
     EXPECT_EQ(0u, state());
-    EXPECT_EQ(1u, surveys());
+    EXPECT_EQ(1, surveys());
     EXPECT_EQ(hexText("01 021122334401 07 2d ce 01"), result()) << "kept after the scan";
 }
 
 TEST_F(ScanHandlers, NoticeOnlyWhenAskedAndAlsoAfterAFailedScan) {
     ServiceSocket events(fake().rooted("/var/run/usock/22.sock"));
-    ASSERT_TRUE(events.ok());
     const std::string scanDone = hexText("5553434b 11000000 50030000 15000000 08000000 01000000") +
                                  std::string(2 * (864 - 24), '0');
     ASSERT_EQ(0u, start(0));
@@ -146,7 +124,7 @@ TEST_F(ScanHandlers, DisabledMeshAnswersNothing) {
     EXPECT_EQ(1u, mesh_handle_getScanState(reply));
     EXPECT_EQ(1u, mesh_handle_getScanResult(reply));
     EXPECT_EQ(std::string(16, 'e'), toHex(reply, 8));
-    EXPECT_EQ(0u, surveys());
+    EXPECT_EQ(0, surveys());
 }
 
 } // namespace
