@@ -5,7 +5,6 @@
 
 #include "core/mesh_config.h"
 #include "core/mesh_handle_scan.h"
-#include "platform/byteorder.h"
 
 #include <algorithm>
 #include <atomic>
@@ -20,15 +19,7 @@ class ScanHandlers : public WlanTest {
         mesh_config_reset();
         g_allConfig.meshEnable = 1;
         // One candidate parent in the survey: bssid 02:11:22:33:44:01, value 7, -50 dBm, mesh 1.
-        fake().onIoctl(RTPRIV_IOCTL_SCAN_TABLE, [](FakeOs::Ioctl& r) {
-            memset(r.data, 0, 4 + 72);
-            put_le32(r.data, 1);
-            put_le32(r.data + 4 + 40, 7);
-            put_le32(r.data + 4 + 44, static_cast<uint32_t>(-50));
-            memcpy(r.data + 4 + 64, "\x02\x11\x22\x33\x44\x01\x01", 7);
-            r.length = 4 + 72;
-            return 0;
-        });
+        scriptSurvey(fake(), 0, table(1, {{1, 7, -50, 1}}));
     }
     void TearDown() override {
         waitIdle();

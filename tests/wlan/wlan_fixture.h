@@ -4,11 +4,14 @@
 
 #include "core/mesh_log.h"
 #include "fake_os.h"
+#include "platform/byteorder.h"
 #include "test_util.h"
 #include "wlan/mesh_wlan.h"
 #include "wlan/mesh_wlan_dat.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,6 +37,42 @@ inline std::string rep(const std::string& hex, size_t n) {
         out += hex;
     }
     return out;
+}
+
+// A survey entry: bssid 02:11:22:33:44:<last> (all zero for last 0), the u32 at 40, rssi, and
+// meshAttr. Entries are 72 bytes; the fields the daemon does not read hold noise.
+struct Entry {
+    uint8_t last;
+    uint32_t v40;
+    int32_t rssi;
+    uint8_t meshAttr;
+};
+inline Bytes table(uint32_t count, const std::vector<Entry>& entries) {
+    Bytes t(4 + 72 * entries.size(), 0xA5);
+    put_le32(t.data(), count);
+    uint8_t* e = &t[4];
+    for (const Entry& x : entries) {
+        put_le32(e + 40, x.v40);
+        put_le32(e + 44, static_cast<uint32_t>(x.rssi));
+        const Bytes bssid = x.last == 0 ? Bytes(6, 0) : Bytes{2, 0x11, 0x22, 0x33, 0x44, x.last};
+        memcpy(e + 64, bssid.data(), 6);
+        e[70] = x.meshAttr;
+        e += 72;
+    }
+    return t;
+}
+// Answers the survey request with `busy` EAGAINs, then with `t` and length `len` (the whole
+// table when 0). The fake calls a copy of the handler, so the countdown lives outside it.
+inline void scriptSurvey(FakeOs& f, int busy, Bytes t, uint16_t len = 0) {
+    auto left = std::make_shared<int>(busy);
+    f.onIoctl(RTPRIV_IOCTL_SCAN_TABLE, [left, t, len](FakeOs::Ioctl& r) {
+        if ((*left)-- > 0) {
+            return EAGAIN;
+        }
+        memcpy(r.data, t.data(), t.size());
+        r.length = len != 0 ? len : static_cast<uint16_t>(t.size());
+        return 0;
+    });
 }
 
 class WlanTest : public ::testing::Test {
