@@ -59,13 +59,12 @@ class RsaTest : public ::testing::Test {
 };
 
 TEST_F(RsaTest, OneFixedNodeKeyAndOpensslEncryptsUnderItForNAndDAlone) {
-    MESH_RSA_KEY ours, again, fresh;
+    // (That a fresh generation differs shows where the parent handler meets another key.)
+    MESH_RSA_KEY ours, again;
     memset(&again, 0xAA, sizeof again);
     ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&ours));
     ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&again));
     EXPECT_EQ(hexOf(ours), hexOf(again)) << "one key for the node's life";
-    ASSERT_EQ(0u, mesh_common_rsa_generateKey(&fresh));
-    EXPECT_NE(toHex(ours.modulus, 128), toHex(fresh.modulus, 128)) << "a fresh generation differs";
     const unsigned nLen = ours.modulusLen; // packed: read by value
     EXPECT_EQ(128u, nLen);
     EXPECT_NE(0, ours.modulus[0] & 0x80) << "a full 1024-bit n";
