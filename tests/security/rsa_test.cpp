@@ -59,7 +59,7 @@ class RsaTest : public ::testing::Test {
 };
 
 TEST_F(RsaTest, OneFixedNodeKeyAndOpensslEncryptsUnderItForNAndDAlone) {
-    // (That a fresh generation differs shows where the parent handler meets another key.)
+    // (A fresh generation giving another key shows in the parent handler's other-key rows.)
     MESH_RSA_KEY ours, again;
     memset(&again, 0xAA, sizeof again);
     ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&ours));
