@@ -38,6 +38,7 @@ class MeshLife : public WlanTest {
         mesh_handle_resetInit();
         mesh_parentHandler_resetModule();
         mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_CHILD_PROBE);
+        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_PARENT_INFO);
         mesh_state_resetModule();
         mesh_netChk_resetModule();
         mesh_netChk_setThreadBody(parked);

@@ -114,8 +114,9 @@ TEST_F(ParentNode, TheExampleRecordBringsUpAParentAndTypeFourTakesItDown) {
     EXPECT_THAT(state[0], ::testing::AnyOf(1, 2, 4));
 
     // The network check runs on a thread of its own, which disabling ends.
-    ASSERT_TRUE(emu_.waitFor("proc-read /proc/mesh/config_count", e2e::kStartMs));
-    const std::string netChk = connectionOf("proc-read /proc/mesh/config_count");
+    // Its first step is an ARP probe for the gateway.
+    ASSERT_TRUE(emu_.waitFor("packet-open 0x0806", e2e::kStartMs));
+    const std::string netChk = connectionOf("packet-open 0x0806");
     ASSERT_EQ(0, ctl(4, "00000000"));
     EXPECT_TRUE(emu_.waitFor(netChk + "bye thread", e2e::kStartMs));
     EXPECT_TRUE(shellSeen("ifconfig rai3 down"));
