@@ -11,6 +11,7 @@
 #include "security/mesh_child.h"
 #include "security/mesh_netlink.h"
 #include "security/mesh_parent.h"
+#include "security/mesh_rsa.h"
 #include "state/mesh_netchk.h"
 #include "state/mesh_state_internal.h"
 
@@ -136,6 +137,24 @@ class MeshLife : public WlanTest {
         }
         pthread_mutex_unlock(&g_configMutex);
         return true;
+    }
+    // Children 1 to 3 configured: 1 admitted and heard (station 06:00:00:00:00:01, a key), 2
+    // admitted but not heard, 3 without a slot.
+    void admittedChildren() {
+        g_allConfig = record(0, 3);
+        MESH_RSA_KEY key;
+        ASSERT_EQ(0u, mesh_common_rsa_generateKey(&key));
+        MESH_CHILD_RECORD r{};
+        for (uint8_t i = 0; i < 2; i++) {
+            memcpy(r.mac, g_allConfig.childList[i].mac, 6);
+            ASSERT_EQ(0u, mesh_addChildRsaEntry(&r));
+        }
+        MESH_CANDIDATE_CHILD cand{};
+        memcpy(cand.info.deviceMac, g_allConfig.childList[0].mac, 6);
+        cand.keyLen = static_cast<uint8_t>(key.modulusLen);
+        memcpy(cand.key, key.modulus, key.modulusLen);
+        ASSERT_EQ(0u, mesh_updateChildRsaData(&cand, hexBytes("060000000001").data()));
+        fake().clearRecords();
     }
     void existingBackhaul() {
         fake().onIoctl(0x8B1B, [](FakeOs::Ioctl& io) {
@@ -336,6 +355,12 @@ struct SetCase {
 };
 
 TEST_F(MeshLife, SetCommandsStoreWhileDisabledIgnoreRepeatsAndApplyChanges) {
+    // Only the heard child has blocks to encrypt again; it is removed and admitted anew.
+    const Lines kReencrypted = {"ioctl 0x8BF5 rai3 flags=2 len=280",
+                                "shell iwpriv rai3 set DisConnectSta=06:00:00:00:00:01",
+                                "ioctl 0x8BF5 rai3 flags=1 len=280"};
+    admittedChildren();
+    const MESH_ALL_CONFIG base = g_allConfig;
     const SetCase cases[] = {
         {MESH_CMD_UPDATE_DIGEST,
          58,
@@ -350,8 +375,9 @@ TEST_F(MeshLife, SetCommandsStoreWhileDisabledIgnoreRepeatsAndApplyChanges) {
          "63322d30303030303030303030303030",
          {}},
         {MESH_CMD_SET_RESET_FLAG, 52, 4, "01000000", "00000000", {}},
-        {MESH_CMD_SET_CONTROLLER_IP_PORT, 616, 88, "31302e302e302e3100", "31302e302e302e3200", {}},
-        {MESH_CMD_SET_ORBP_CFG, 740, 40, "6964312d61", "6964322d61", {}},
+        {MESH_CMD_SET_CONTROLLER_IP_PORT, 616, 88, "31302e302e302e3100", "31302e302e302e3200",
+         kReencrypted},
+        {MESH_CMD_SET_ORBP_CFG, 740, 40, "6964312d61", "6964322d61", kReencrypted},
         {MESH_CMD_SET_BASIC_WLAN_CFG,
          716,
          20,
@@ -368,7 +394,7 @@ TEST_F(MeshLife, SetCommandsStoreWhileDisabledIgnoreRepeatsAndApplyChanges) {
         auto stored = [&] {
             return toHex(reinterpret_cast<uint8_t*>(&g_allConfig) + c.offset, first.size());
         };
-        g_allConfig = record(0);
+        g_allConfig = base;
         EXPECT_EQ(0u, cmd(c.type, first.data(), first.size()));
         EXPECT_EQ(toHex(first.data(), first.size()), stored());
         EXPECT_TRUE(seam().empty());
@@ -380,6 +406,24 @@ TEST_F(MeshLife, SetCommandsStoreWhileDisabledIgnoreRepeatsAndApplyChanges) {
         EXPECT_EQ(c.changed, seam());
     }
     EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(MeshLife, AVlanIdActsEvenWhileDisabledAndKicksEachAdmittedChildOnce) {
+    admittedChildren();
+    const uint16_t vlan = 9;
+    EXPECT_EQ(0u, cmd(MESH_CMD_SET_VLAN_ID, &vlan, 2));
+    EXPECT_EQ(Lines{"get wireless mac failed"}, errors()); // child 3 has no slot
+    EXPECT_EQ((Lines{"shell iwpriv rai3 set ms_vlanid=9",
+                     "shell iwpriv rai3 set DisConnectSta=06:00:00:00:00:01",
+                     "shell iwpriv rai3 set DisConnectSta=00:00:00:00:00:00"}),
+              seam());
+    EXPECT_EQ(9u, g_allConfig.vlanId);
+    g_allConfig.meshEnable = 1;
+    EXPECT_EQ(0u, cmd(MESH_CMD_SET_VLAN_ID, &vlan, 2));
+    EXPECT_TRUE(seam().empty());
+    EXPECT_EQ(0u, cmd(MESH_CMD_SET_VLAN_ID, "\x0a\xff\x01", 4)); // two bytes are read
+    EXPECT_EQ("shell iwpriv rai3 set ms_vlanid=65290", seam().front());
+    EXPECT_EQ((Lines{"set vlanid to 9", "set vlanid to 65290"}), events());
 }
 
 TEST_F(MeshLife, SetSpecialSwitchesOnlyTheExistingBackhaulOfAnEnabledMesh) {
