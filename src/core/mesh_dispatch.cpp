@@ -1,5 +1,7 @@
 #include "core/mesh_handle_cfg.h"
+#include "core/mesh_handle_child.h"
 #include "core/mesh_handle_init.h"
+#include "core/mesh_handle_scan.h"
 #include "core/mesh_log.h"
 #include "core/mesh_msg.h"
 #include "state/mesh_state.h"
@@ -40,6 +42,20 @@ uint32_t mesh_cmd_handle(MESH_CMD_MSG* msg) {
         return mesh_handle_updateDigest(payload);
     case MESH_CMD_UPDATE_MESH:
         return mesh_handle_updateMesh(payload);
+    case MESH_CMD_ADD_CHILD:
+        return mesh_handle_addChild(payload);
+    case MESH_CMD_DEL_CHILD:
+        return mesh_handle_delChild(payload);
+    case MESH_CMD_GET_ONLINE_CHILD:
+        return mesh_handle_getOnlineChild(payload);
+    case MESH_CMD_GET_CANDIDATE_CHILD:
+        return mesh_handle_getCandidateChild(payload);
+    case MESH_CMD_SCAN_CANDIDATE_AP:
+        return mesh_handle_scanCandidateAp(payload);
+    case MESH_CMD_GET_SCAN_STATE:
+        return mesh_handle_getScanState(payload);
+    case MESH_CMD_GET_SCAN_RESULT:
+        return mesh_handle_getScanResult(payload);
     case MESH_CMD_SET_CONTROLLER_IP_PORT:
         return mesh_handle_setControllerIpPort(payload);
     case MESH_CMD_SET_CONTROLLER_ID:

@@ -144,6 +144,18 @@ uint32_t mesh_getChildStaMac(const uint8_t* mac, uint8_t* staMac) {
     return 0;
 }
 
+uint32_t mesh_setChildStaMac(const uint8_t* mac, const uint8_t* staMac) {
+    if (mac == nullptr || staMac == nullptr) {
+        return 1;
+    }
+    CHILD_RSA_ENTRY* e = findByMac(mac);
+    if (e == nullptr) {
+        return 1;
+    }
+    memcpy(e->staMac, staMac, MAC_LEN);
+    return 0;
+}
+
 uint32_t mesh_getChildMacByStaMac(uint8_t* mac) {
     if (mac == nullptr) {
         return 1;

@@ -68,6 +68,9 @@ uint32_t mesh_addChildRsaEntry(const MESH_CHILD_RECORD* record);
 uint32_t mesh_delChildRsaEntry(const uint8_t* mac, uint8_t* staMac);
 // Copies the station MAC of a child out. 1 without a message for an unknown MAC.
 uint32_t mesh_getChildStaMac(const uint8_t* mac, uint8_t* staMac);
+// Stores a new station MAC for a child, without touching its key or blocks. 1 for an unknown
+// MAC.
+uint32_t mesh_setChildStaMac(const uint8_t* mac, const uint8_t* staMac);
 // Replaces the station MAC in `mac` by the device MAC of the child it belongs to. 1 when no
 // child has that station MAC.
 uint32_t mesh_getChildMacByStaMac(uint8_t* mac);
