@@ -156,13 +156,31 @@ TEST_F(ParentNode, ASecondRecordReinitialisesWithoutNewThreadsOrANewSecret) {
 TEST_F(ParentNode, TheNetlinkChannelDispatchesByTypeAndKeepsOldBytes) {
     ASSERT_EQ(0, ctl(1, exampleRecord()));
     ASSERT_TRUE(emu_.waitNetlinkReady(e2e::kStartMs));
-    // An unknown type is reported.
+    // A whole child probe, then one that carries only a device MAC: the candidate list sees
+    // the rest of the first one's bytes again.
+    const std::string probe = "0a0000000011 060000000011 01 f0 03 04 01 05" // MACs, driver, flags
+                              "63312d30303030303030303030303030"            // controllerId
+                              "6669727374207072 6f62657200000000 0000000000000000 0000000000000000"
+                              "07 00" +
+                              std::string(256, '0') + "00000002";
+    ASSERT_EQ(1, emu_.pushNetlink(event(1, probe)));
+    ASSERT_EQ(1, emu_.pushNetlink(event(1, "0a0000000022")));
     ASSERT_EQ(1, emu_.pushNetlink(event(7, "00")));
-    for (int i = 0; i < 100 && nodeOut().find("invalid mesh event type") == std::string::npos;
+    for (int i = 0; i < 200 && nodeOut().find("invalid mesh event type") == std::string::npos;
          ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_THAT(nodeOut(), HasSubstr("invalid mesh event type\r\n"));
+
+    Bytes list;
+    ASSERT_EQ(0, ctl(8, "", &list));
+    ASSERT_EQ(2, list[0]);
+    const std::string entry = "060000000011" // staMac
+                              "6669727374207072 6f62657200000000 0000000000000000 0000000000000000"
+                              "63312d30303030303030303030303030"  // controllerId
+                              "00 05 04 07 01 f0 03 00 02000000"; // flags, driver values, verCap
+    EXPECT_EQ(e2e::hexBytes("0a0000000011" + entry), Bytes(list.begin() + 4, list.begin() + 76));
+    EXPECT_EQ(e2e::hexBytes("0a0000000022" + entry), Bytes(list.begin() + 76, list.begin() + 148));
 }
 
 } // namespace
