@@ -243,7 +243,6 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
         EXPECT_EQ(1u, g_allConfig.meshEnable);
         // The label, the ordinary AP's beacon, the two probe responses and the last child as
         // the driver received them.
-        const std::string ie = "025ea7 00" + kLabel + "01 021122334455";
         ASSERT_EQ(12u, req.size());
         EXPECT_EQ(hexText(kLabel), payloadOf(req[1]));
         EXPECT_EQ(padded("01000000 1b000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455", 267),
