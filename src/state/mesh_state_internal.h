@@ -127,8 +127,8 @@ int32_t getLanLinkStateTran(uint32_t prev, uint32_t cur);
 // The thread body: one tick a second, for ever.
 void* threadRun(void* arg);
 
-// Stops the state thread, if one runs, at its sleep and waits for it (tests only: the daemon
-// never stops it).
+// Stops the state thread, if one runs, after its sleep and waits for it, sleeping meanwhile
+// (tests only: the daemon never stops it).
 void mesh_state_stopThreadForTest(void);
 
 // Back to the values of process start (tests run many daemons' lives in one process); stops

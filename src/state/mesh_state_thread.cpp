@@ -10,6 +10,7 @@
 #include "platform/os.h"
 #include "security/mesh_common.h"
 
+#include <atomic>
 #include <cstring>
 #include <pthread.h>
 
@@ -47,6 +48,9 @@ const MESH_STATE_TRANS_ENTRY l_meshStateTransTable[] = {
 pthread_mutex_t l_threadMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_t l_thread;
 bool l_threadStarted = false; // under l_threadMutex
+// Set by the tests' reset; the thread sees it after its sleep and ends.
+std::atomic<bool> l_threadStop{false};
+std::atomic<bool> l_threadEnded{false};
 
 // The evaluation variables of the thread.
 struct EVAL {
@@ -61,16 +65,6 @@ struct EVAL {
     uint32_t portUp;
     uint32_t running;
 };
-
-// The thread runs with cancellation off except in its sleeps, where the tests' reset stops
-// it.
-void sleepCancellable(unsigned sec) {
-    int old = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &old);
-    pthread_testcancel();
-    os().sleepSeconds(sec);
-    pthread_setcancelstate(old, nullptr);
-}
 
 uint32_t measure(MESH_STATE_GETTER getter) {
     return getter != nullptr ? getter() : STATE_ANY;
@@ -170,7 +164,7 @@ bool rescan(EVAL& e) {
     if (e.current != MESH_STATE_MESH) {
         return false;
     }
-    sleepCancellable(kRescanDelay);
+    os().sleepSeconds(kRescanDelay);
     if (moveToState(e.current, MESH_STATE_ISOLATED) != 0) {
         MESH_ERR("transition state fail");
     }
@@ -302,9 +296,12 @@ void* threadRun(void* /*arg*/) {
         if (enableHandling(e)) {
             tick(e);
         }
-        sleepCancellable(1);
+        os().sleepSeconds(1);
+        if (l_threadStop.load()) {
+            l_threadEnded.store(true);
+            return nullptr;
+        }
     }
-    return nullptr;
 }
 
 uint32_t mesh_state_init(const char* lanIfName, uint32_t countryCode, uint32_t dfsFlag) {
@@ -333,9 +330,17 @@ uint32_t mesh_state_init(const char* lanIfName, uint32_t countryCode, uint32_t d
 void mesh_state_stopThreadForTest(void) {
     pthread_mutex_lock(&l_threadMutex);
     if (l_threadStarted) {
-        pthread_cancel(l_thread);
+        // The thread ends after its next sleep. Sleeping here lets the tests' virtual clock
+        // run on to that point; the thread is never cancelled, so nothing unwinds through a
+        // wait.
+        l_threadStop.store(true);
+        while (!l_threadEnded.load()) {
+            os().sleepMillis(100);
+        }
         pthread_join(l_thread, nullptr);
         l_threadStarted = false;
+        l_threadStop.store(false);
+        l_threadEnded.store(false);
     }
     pthread_mutex_unlock(&l_threadMutex);
 }
