@@ -24,8 +24,7 @@ std::optional<int> Air::heard(const std::string& a, const std::string& b) const 
     return it->second;
 }
 
-std::optional<std::string> chooseParent(const std::vector<ParentView>& parents,
-                                        uint64_t tieBreak) {
+std::optional<std::string> chooseParent(const std::vector<ParentView>& parents, uint64_t tieBreak) {
     std::vector<const ParentView*> best;
     for (const ParentView& p : parents) {
         if (!p.signal || !p.backhaulUp || !p.holdsBlocks) {
@@ -107,8 +106,9 @@ bool loopSeen(const Topology& t, const std::string& node, bool detectionOn) {
         return false;
     }
     for (const auto& w : t.wires) {
-        const std::string* other = w.first == node ? &w.second : w.second == node ? &w.first
-                                                                                : nullptr;
+        const std::string* other = w.first == node    ? &w.second
+                                   : w.second == node ? &w.first
+                                                      : nullptr;
         if (other != nullptr && airRoot(t, node) == airRoot(t, *other)) {
             return true;
         }

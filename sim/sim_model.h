@@ -42,8 +42,7 @@ struct ParentView {
 // backhaul is up and that holds blocks for the child. Equal signals are decided by
 // `tieBreak` (an index into the tied parents, taken modulo their number), so that a seeded
 // run replays the same choice. None when no parent qualifies.
-std::optional<std::string> chooseParent(const std::vector<ParentView>& parents,
-                                        uint64_t tieBreak);
+std::optional<std::string> chooseParent(const std::vector<ParentView>& parents, uint64_t tieBreak);
 
 // What a station tries to join and what the backhaul AP of the parent offers.
 struct StationConfig {
@@ -68,8 +67,8 @@ Association associate(const StationConfig& sta, const BackhaulView& ap);
 
 // Who is wired to the uplink and who is associated with whom.
 struct Topology {
-    std::set<std::string> uplink;                // nodes whose wired uplink is up
-    std::map<std::string, std::string> parentOf; // station associations, child -> parent
+    std::set<std::string> uplink;                        // nodes whose wired uplink is up
+    std::map<std::string, std::string> parentOf;         // station associations, child -> parent
     std::set<std::pair<std::string, std::string>> wires; // cables between two nodes' ports
 };
 

@@ -1,5 +1,7 @@
 #include "sim_scenario.h"
 
+#include "records.h"
+
 #include <nlohmann/json.hpp>
 
 #include <arpa/inet.h>
@@ -128,21 +130,25 @@ std::pair<std::string, std::string> pair(const Scenario& s, const json& j,
 NodeSpec parseNode(const json& j, const std::string& path, size_t index) {
     onlyKeys(j, path,
              {"name", "mac", "uplink", "enable", "managed", "channel", "wlanMode", "bandwidth",
-              "dfs", "resetFlag", "country", "admit", "ip"});
+              "dfs", "resetFlag", "country", "admit", "ip", "config"});
     NodeSpec n;
     if (!j.contains("name")) {
         throw BadScenario(path, "a node needs a name");
     }
     n.name = text(j["name"], at(path, "name"));
-    if (n.name.size() > 16 || n.name.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
-                                                       "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_") !=
-                                  std::string::npos) {
+    if (n.name.size() > 16 ||
+        n.name.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
+                                 "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_") != std::string::npos) {
         throw BadScenario(at(path, "name"), "must be at most 16 letters, digits, - or _");
     }
     if (j.contains("mac")) {
         n.mac = mac(j["mac"], at(path, "mac"));
     } else {
-        n.mac = Mac{0x02, 0x5a, 0x00, 0x00, static_cast<uint8_t>(index >> 8),
+        n.mac = Mac{0x02,
+                    0x5a,
+                    0x00,
+                    0x00,
+                    static_cast<uint8_t>(index >> 8),
                     static_cast<uint8_t>(index + 1)};
     }
     n.ip = 0xC0A80100u + 10u + static_cast<uint32_t>(index); // 192.168.1.10 + index
@@ -157,6 +163,20 @@ NodeSpec parseNode(const json& j, const std::string& path, size_t index) {
     }
     if (j.contains("managed")) {
         n.managed = boolean(j["managed"], at(path, "managed"));
+    }
+    if (j.contains("config")) {
+        const records::Record& rec = records::config();
+        std::vector<uint8_t> record(rec.size, 0);
+        std::string err;
+        n.configJson = j["config"].dump();
+        if (!records::fromJson(rec, records::Json::parse(n.configJson), record.data(),
+                               record.size(), &err)) {
+            size_t colon = err.find(": ");
+            std::string where = colon == std::string::npos ? "" : err.substr(0, colon);
+            throw BadScenario(at(path, "config") + (where.empty() || where[0] == '[' ? "" : ".") +
+                                  where,
+                              colon == std::string::npos ? err : err.substr(colon + 2));
+        }
     }
     if (j.contains("channel")) {
         n.channel = integer(j["channel"], at(path, "channel"), 1, 196);
@@ -201,9 +221,9 @@ void parseAdmit(Scenario& s, const json& nodes, const std::string& path) {
 }
 
 EventSpec parseEvent(const Scenario& s, const json& j, const std::string& path) {
-    onlyKeys(j, path,
-             {"at", "uplink", "node", "link", "signal", "loop", "between", "kill", "restart",
-              "rescan"});
+    onlyKeys(
+        j, path,
+        {"at", "uplink", "node", "link", "signal", "loop", "between", "kill", "restart", "rescan"});
     EventSpec e;
     e.path = path;
     if (!j.contains("at")) {
@@ -254,9 +274,9 @@ EventSpec parseEvent(const Scenario& s, const json& j, const std::string& path) 
         e.node = p.first;
         e.other = p.second;
     }
-    for (auto [key, kind] : {std::make_pair("kill", EventKind::Kill),
-                             std::make_pair("restart", EventKind::Restart),
-                             std::make_pair("rescan", EventKind::Rescan)}) {
+    for (auto [key, kind] :
+         {std::make_pair("kill", EventKind::Kill), std::make_pair("restart", EventKind::Restart),
+          std::make_pair("rescan", EventKind::Rescan)}) {
         if (j.contains(key)) {
             ++kinds;
             e.kind = kind;
@@ -413,7 +433,8 @@ Scenario parseScenario(const std::string& body) {
             auto ab = pair(s, j["links"][i]["between"], at(p, "between"));
             LinkSpec l{ab.first, ab.second, -50};
             if (j["links"][i].contains("signal")) {
-                l.signal = static_cast<int>(number(j["links"][i]["signal"], at(p, "signal"), -120, 0));
+                l.signal =
+                    static_cast<int>(number(j["links"][i]["signal"], at(p, "signal"), -120, 0));
             }
             s.links.push_back(l);
         }

@@ -28,18 +28,22 @@ using Mac = std::array<uint8_t, 6>;
 struct NodeSpec {
     std::string name;
     Mac mac{};
-    bool uplink = false;         // wired uplink up at start
-    bool enable = true;          // meshEnable of the configuration sent at start
-    bool managed = false;        // /tmp/ORB_STATE holds 4 (managed) or 2
-    uint32_t channel = 36;       // the radio's channel
-    uint32_t wlanMode = 14;      // wireless mode code of the radio
-    uint32_t bandwidth = 2;      // width code of the basic settings
-    bool dfs = false;            // dfsFlag of the configuration
-    bool resetFlag = false;      // resetFlag of the configuration
-    uint32_t country = 0;        // countryCode of the configuration
-    bool admitAll = false;       // admit every would-be child
+    bool uplink = false;            // wired uplink up at start
+    bool enable = true;             // meshEnable of the configuration sent at start
+    bool managed = false;           // /tmp/ORB_STATE holds 4 (managed) or 2
+    uint32_t channel = 36;          // the radio's channel
+    uint32_t wlanMode = 14;         // wireless mode code of the radio
+    uint32_t bandwidth = 2;         // width code of the basic settings
+    bool dfs = false;               // dfsFlag of the configuration
+    bool resetFlag = false;         // resetFlag of the configuration
+    uint32_t country = 0;           // countryCode of the configuration
+    bool admitAll = false;          // admit every would-be child
     std::vector<std::string> admit; // or these nodes only
-    uint32_t ip = 0;             // deviceIp
+    uint32_t ip = 0;                // deviceIp
+    // Fields of the configuration record sent at start that the scenario sets itself
+    // ("config", in the JSON form of the records library), over the record built from the
+    // fields above. Empty: none.
+    std::string configJson;
 };
 
 struct LinkSpec {
@@ -66,8 +70,8 @@ enum class ExpectKind {
 
 struct ExpectSpec {
     ExpectKind kind = ExpectKind::Reach;
-    std::string node; // empty for "any node" in Never
-    std::optional<int> state; // MESH_STATE value
+    std::string node;                  // empty for "any node" in Never
+    std::optional<int> state;          // MESH_STATE value
     std::optional<std::string> parent; // "" = no parent
     double after = 0;
     double within = 0; // Reach: deadline; 0 = the end of the run

@@ -7,6 +7,8 @@
 #include "sim_model.h"
 #include "sim_scenario.h"
 
+#include "records.h"
+
 #include "core/mesh_config.h"
 #include "core/mesh_msg.h"
 #include "platform/linux_os.h"
@@ -44,6 +46,7 @@
 #include <spawn.h>
 #include <sstream>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -177,7 +180,9 @@ class Timeline {
         std::lock_guard<std::mutex> g(mu_);
         return lines_;
     }
-    static double round1(double t) { return static_cast<double>(static_cast<long long>(t * 10)) / 10; }
+    static double round1(double t) {
+        return static_cast<double>(static_cast<long long>(t * 10)) / 10;
+    }
 
   private:
     mutable std::mutex mu_;
@@ -240,6 +245,7 @@ struct Node {
     std::mt19937_64 rng;
     long logPos = 0, outPos = 0;
     int errorsShown = 0;
+    long peakRssKiB = 0; // the daemon's peak resident size, read before it is stopped
 
     std::mutex mqMu;
     std::condition_variable mqCv;
@@ -348,8 +354,9 @@ class World {
                              {"parent", n.parent.empty() ? json(nullptr) : json(n.parent)}});
     }
 
-    // ---- association ------------------------------------------------------------------------------
-    // Drops associations that no longer hold; caller holds mu.
+    // ---- association
+    // ------------------------------------------------------------------------------ Drops
+    // associations that no longer hold; caller holds mu.
     void refresh() {
         for (auto& c : nodes) {
             if (c->parent.empty()) {
@@ -442,10 +449,10 @@ class World {
         }
         MESH_IE_PROBE_REQ req;
         memcpy(&req, it->second.data(), sizeof req);
-        g_timeline.add(c.spec.name, std::string("site survey, probing as a would-be child") +
-                                        ((req.flags & MESH_PROBE_FLAG_SEARCHING) != 0
-                                             ? " looking for a parent"
-                                             : ""));
+        g_timeline.add(
+            c.spec.name,
+            std::string("site survey, probing as a would-be child") +
+                ((req.flags & MESH_PROBE_FLAG_SEARCHING) != 0 ? " looking for a parent" : ""));
         for (auto& pp : nodes) {
             Node& p = *pp;
             auto signal = air.heard(c.spec.name, p.spec.name);
@@ -543,7 +550,8 @@ class World {
                                         (to == 0 ? ", but no daemon listens" : ""));
     }
 
-    // ---- management side ---------------------------------------------------------------------------
+    // ---- management side
+    // ---------------------------------------------------------------------------
     void manage(Node& n, std::function<void()> fn) {
         std::lock_guard<std::mutex> g(n.mqMu);
         n.mq.push_back(std::move(fn));
@@ -556,8 +564,8 @@ class World {
         manage(n, [np, type, payload, what] {
             std::string err = sendCommand(*np, type, payload);
             if (err.empty()) {
-                g_timeline.add(np->spec.name, "management: " + what + " (type " +
-                                                  std::to_string(type) + ")");
+                g_timeline.add(np->spec.name,
+                               "management: " + what + " (type " + std::to_string(type) + ")");
             } else {
                 g_timeline.add(np->spec.name, "management: " + what + " (type " +
                                                   std::to_string(type) + ") failed: " + err);
@@ -770,7 +778,8 @@ class NodeHandler : public emu::Handler {
 
     emu::Result element(const std::string& ifn, emu::IoctlCall& call) {
         MESH_IE_RECORD rec{};
-        if (call.payload.size() < sizeof rec || (call.flags != MESH_IE_SET && call.flags != MESH_IE_DELETE)) {
+        if (call.payload.size() < sizeof rec ||
+            (call.flags != MESH_IE_SET && call.flags != MESH_IE_DELETE)) {
             g_world.error(n_, "element request with flags " + hexWord(call.flags) + " and " +
                                   std::to_string(call.payload.size()) + " bytes");
             return emu::Result::fail(EINVAL);
@@ -780,7 +789,8 @@ class NodeHandler : public emu::Handler {
             g_world.error(n_, "element of length " + std::to_string(rec.ieLength));
             return emu::Result::fail(EINVAL);
         }
-        std::string key = ifn + "/" + std::to_string(rec.frameMask) + "/" + std::to_string(rec.ouiType);
+        std::string key =
+            ifn + "/" + std::to_string(rec.frameMask) + "/" + std::to_string(rec.ouiType);
         if (call.flags == MESH_IE_DELETE) {
             n_.elements.erase(key);
             return emu::Result{};
@@ -854,8 +864,8 @@ class NodeHandler : public emu::Handler {
         if (call.payload.size() >= 4) {
             memcpy(call.payload.data(), &count, 4);
         }
-        call.length = static_cast<uint16_t>(
-            std::min(call.payload.size(), MESH_STA_TABLE_HDR + MESH_MAX_ONLINE_CHILD * MESH_STA_ENTRY_LEN));
+        call.length = static_cast<uint16_t>(std::min(
+            call.payload.size(), MESH_STA_TABLE_HDR + MESH_MAX_ONLINE_CHILD * MESH_STA_ENTRY_LEN));
         return emu::Result{};
     }
 
@@ -884,12 +894,12 @@ class NodeHandler : public emu::Handler {
             memcpy(call.payload.data(), &count, 4);
         }
         call.length = static_cast<uint16_t>(
-            std::min(call.payload.size(), MESH_SCAN_TABLE_HDR + std::max<size_t>(count, 1) * MESH_SCAN_ENTRY_LEN));
+            std::min(call.payload.size(),
+                     MESH_SCAN_TABLE_HDR + std::max<size_t>(count, 1) * MESH_SCAN_ENTRY_LEN));
         return emu::Result{};
     }
 
-    emu::Result procRead(const emu::Peer&, const std::string& path, uint32_t,
-                         Bytes& out) override {
+    emu::Result procRead(const emu::Peer&, const std::string& path, uint32_t, Bytes& out) override {
         std::lock_guard<std::mutex> g(g_world.mu);
         std::string text;
         if (path == "/proc/mesh/config_count") {
@@ -935,7 +945,8 @@ class NodeHandler : public emu::Handler {
         } else if (w.size() == 2 && w[0] == "3" && (w[1] == "0" || w[1] == "1")) {
             bool on = w[1] == "1";
             if (on != n_.loopOn) {
-                g_timeline.add(n_.spec.name, std::string("kernel: loop detection ") + (on ? "on" : "off"));
+                g_timeline.add(n_.spec.name,
+                               std::string("kernel: loop detection ") + (on ? "on" : "off"));
             }
             n_.loopOn = on;
         } else if (w.size() == 1 && w[0] == "4") {
@@ -985,8 +996,8 @@ class NodeHandler : public emu::Handler {
         }
         uint32_t target = (uint32_t(frame[38]) << 24) | (uint32_t(frame[39]) << 16) |
                           (uint32_t(frame[40]) << 8) | frame[41];
-        bool answer = target == g_world.sc.gateway &&
-                      sim::hasPath(g_world.topology(), n_.spec.name);
+        bool answer =
+            target == g_world.sc.gateway && sim::hasPath(g_world.topology(), n_.spec.name);
         if (answer) {
             Bytes r(42, 0);
             memcpy(r.data(), frame.data() + 6, 6); // to the asker
@@ -997,7 +1008,7 @@ class NodeHandler : public emu::Handler {
             r[20] = 0;
             r[21] = 2; // reply
             memcpy(r.data() + 22, kGatewayMac.data(), 6);
-            memcpy(r.data() + 28, frame.data() + 38, 4); // the gateway's address
+            memcpy(r.data() + 28, frame.data() + 38, 4);  // the gateway's address
             memcpy(r.data() + 32, frame.data() + 22, 10); // the asker's MAC and address
             n_.rx[socket].push_back(r);
             g_world.packetCv.notify_all();
@@ -1118,16 +1129,19 @@ void serveNotification(Node& n, int which, int fd) {
             g_world.error(n, "operation wrapper request with a bad magic");
         } else if (h[1] == 0x00220003) {
             std::string ip(reinterpret_cast<const char*>(body.data()),
-                           strnlen(reinterpret_cast<const char*>(body.data()), std::min<size_t>(body.size(), 257)));
+                           strnlen(reinterpret_cast<const char*>(body.data()),
+                                   std::min<size_t>(body.size(), 257)));
             note(n, {{"what", "controller address"}, {"address", ip}});
             g_timeline.add(n.spec.name, "management learns the controller address " + ip);
         } else if (h[1] == 0x0028000F) {
             std::string id(reinterpret_cast<const char*>(body.data()),
-                           strnlen(reinterpret_cast<const char*>(body.data()), std::min<size_t>(body.size(), 33)));
+                           strnlen(reinterpret_cast<const char*>(body.data()),
+                                   std::min<size_t>(body.size(), 33)));
             note(n, {{"what", "controller identity"}, {"identity", id}});
             g_timeline.add(n.spec.name, "management learns the controller identity \"" + id + "\"");
         } else if (h[1] == 0x001D0015) {
-            note(n, {{"what", "state to schedule"}, {"state", sim::stateName(static_cast<int>(word(0)))}});
+            note(n, {{"what", "state to schedule"},
+                     {"state", sim::stateName(static_cast<int>(word(0)))}});
         } else {
             g_world.error(n, "unknown operation " + hexWord(h[1]));
         }
@@ -1143,7 +1157,8 @@ void serveNotification(Node& n, int which, int fd) {
         {
             std::lock_guard<std::mutex> g(g_world.mu);
             n.state = state;
-            n.states.push_back({{"t", Timeline::round1(g_clock.now())}, {"state", sim::stateName(state)}});
+            n.states.push_back(
+                {{"t", Timeline::round1(g_clock.now())}, {"state", sim::stateName(state)}});
             parent = n.parent;
         }
         note(n, {{"what", "mesh state"}, {"state", sim::stateName(state)}});
@@ -1240,10 +1255,20 @@ bool startDaemon(Node& n, std::string* error) {
     }
     g_timeline.add(n.spec.name, "daemon started under " + n.root);
     MESH_ALL_CONFIG cfg = g_world.configOf(n);
+    if (!n.spec.configJson.empty()) {
+        // The scenario's own fields over the built record (checked when the scenario was read).
+        records::Json doc = records::toJson(records::config(), &cfg);
+        doc.merge_patch(records::Json::parse(n.spec.configJson));
+        std::string err;
+        if (!records::fromJson(records::config(), doc, &cfg, sizeof cfg, &err)) {
+            g_world.error(n, "configuration record: " + err);
+        }
+    }
     Bytes payload(sizeof cfg);
     memcpy(payload.data(), &cfg, sizeof cfg);
     g_world.command(n, MESH_CMD_INIT_MESH, payload,
-                    std::string("configuration sent, mesh ") + (n.spec.enable ? "enabled" : "disabled"));
+                    std::string("configuration sent, mesh ") +
+                        (n.spec.enable ? "enabled" : "disabled"));
     return true;
 }
 
@@ -1266,9 +1291,23 @@ void resetDriver(Node& n) {
     n.state = 0;
 }
 
+// The peak resident set of a running process in KiB (VmHWM), 0 when unknown.
+long peakRss(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("VmHWM:", 0) == 0) {
+            return atol(line.c_str() + 6);
+        }
+    }
+    return 0;
+}
+
 void killDaemon(Node& n, int sig) {
     pid_t pid;
     {
+        if (n.pid > 0) {
+            n.peakRssKiB = std::max(n.peakRssKiB, peakRss(n.pid));
+        }
         std::lock_guard<std::mutex> g(g_world.mu);
         pid = n.pid;
         n.pid = -1;
@@ -1497,6 +1536,7 @@ json nodeReport(Node& n) {
             {"parent", n.parent.empty() ? json(nullptr) : json(n.parent)},
             {"parents", n.parents},
             {"notifications", n.notes},
+            {"peakRssKiB", n.peakRssKiB},
             {"errors", n.errors},
             {"modelErrors", n.modelErrors}};
 }
@@ -1512,14 +1552,17 @@ int main(int argc, char** argv) {
     uint64_t seed = 0;
     bool seedGiven = false, quiet = false;
     app.add_option("scenario", file, "scenario file (JSON, see docs/scenarios.md)")->required();
-    app.add_option("--time-scale", scale, "simulated seconds per real second (1-1000); default: "
-                                          "the scenario's timeScale, else 20")
+    app.add_option("--time-scale", scale,
+                   "simulated seconds per real second (1-1000); default: "
+                   "the scenario's timeScale, else 20")
         ->check(CLI::Range(1, 1000));
-    auto* seedOpt = app.add_option("--seed", seed, "seed of every random choice (default: the "
-                                                   "scenario's seed, else 1)");
+    auto* seedOpt = app.add_option("--seed", seed,
+                                   "seed of every random choice (default: the "
+                                   "scenario's seed, else 1)");
     app.add_option("--report", report, "write the JSON report to this file");
-    app.add_option("--workdir", workdir, "keep the node roots under this directory (default: a "
-                                         "temporary directory, removed at the end)");
+    app.add_option("--workdir", workdir,
+                   "keep the node roots under this directory (default: a "
+                   "temporary directory, removed at the end)");
     app.add_option("--node", nodeProgram, "the zormesh-node program (default: beside this one)");
     app.add_flag("--quiet", quiet, "do not print the timeline");
     CLI11_PARSE(app, argc, argv);
@@ -1656,8 +1699,10 @@ int main(int argc, char** argv) {
                     n->alive = false;
                     resetDriver(*n);
                     g_world.refresh();
-                    g_timeline.add(n->spec.name, "daemon exited by itself, status " +
-                                                     std::to_string(WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st)));
+                    g_timeline.add(
+                        n->spec.name,
+                        "daemon exited by itself, status " +
+                            std::to_string(WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st)));
                 }
             }
         }
@@ -1720,14 +1765,18 @@ int main(int argc, char** argv) {
         const Verdict& v = verdicts[i];
         held += v.ok ? 1 : 0;
         // An expectation the run stopped before deciding (another one failed first).
-        std::string seen = v.decided ? v.seen : "not decided: the run stopped at t=" +
-                                                     std::to_string(static_cast<long long>(stoppedAt));
+        std::string seen = v.decided ? v.seen
+                                     : "not decided: the run stopped at t=" +
+                                           std::to_string(static_cast<long long>(stoppedAt));
         rep["expectations"].push_back({{"expect", sc.expects[i].text},
                                        {"path", sc.expects[i].path},
                                        {"holds", v.ok},
                                        {"decided", v.decided},
                                        {"seen", seen}});
-        printf("%s  %s  (%s: %s%s)\n", v.ok ? "PASS" : v.decided ? "FAIL" : "----",
+        printf("%s  %s  (%s: %s%s)\n",
+               v.ok        ? "PASS"
+               : v.decided ? "FAIL"
+                           : "----",
                sc.expects[i].text.c_str(), sc.expects[i].path.c_str(),
                v.ok || !v.decided ? "" : "seen ", seen.c_str());
     }
@@ -1735,6 +1784,18 @@ int main(int argc, char** argv) {
     for (auto& n : g_world.nodes) {
         rep["nodes"][n->spec.name] = nodeReport(*n);
     }
+    rusage self{}, children{};
+    getrusage(RUSAGE_SELF, &self);
+    getrusage(RUSAGE_CHILDREN, &children);
+    auto seconds = [](const rusage& r) {
+        return r.ru_utime.tv_sec + r.ru_stime.tv_sec +
+               (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1e6;
+    };
+    double wall = stoppedAt / sc.timeScale;
+    rep["resources"] = {{"wallSeconds", wall},
+                        {"simulatorCpuSeconds", seconds(self)},
+                        {"daemonsCpuSeconds", seconds(children)},
+                        {"simulatorCpuShare", wall > 0 ? seconds(self) / wall : 0.0}};
     rep["timeline"] = g_timeline.lines();
     if (status == EXIT_PASS) {
         status = held == static_cast<int>(sc.expects.size()) ? EXIT_PASS : EXIT_FAIL;
@@ -1744,7 +1805,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "zormesh-sim: cannot write %s\n", report.c_str());
     }
     printf("zormesh-sim: %s: %d of %zu expectations hold after %.0f simulated seconds: %s\n",
-           sc.name.c_str(), held, sc.expects.size(), stoppedAt, status == EXIT_PASS ? "PASS" : "FAIL");
+           sc.name.c_str(), held, sc.expects.size(), stoppedAt,
+           status == EXIT_PASS ? "PASS" : "FAIL");
     if (tempDir) {
         std::string rm = "rm -rf '" + workdir + "'"; // a path we made with mkdtemp
         char* const env[] = {nullptr};
