@@ -1,0 +1,168 @@
+// A node brought up as a parent the way the README shows: zormesh-node beside the scriptable
+// emulator, the example record of docs/examples sent with zormeshctl; then its netlink
+// channel, a re-initialisation, and the mesh taken down again.
+#include "e2e_util.h"
+
+namespace {
+
+using e2e::Bytes;
+using e2e::hexBytes;
+using e2e::readFile;
+using ::testing::HasSubstr;
+
+const std::string kLabel = "5a13c7029e41b86d33f0278ad4690be5";
+
+class ParentNode : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        emu_.setProc("/proc/mesh/config_count", "0");
+        emu_.setProc("/proc/mesh/loop_status", "0");
+        emu_.setIfIndex("br0", 5);
+        emu_.setIfIndex(emu_.device().staIfName, 7);
+        emu_.writeFile("/tmp/wireless/mt5g.dat", "Default\nBssidNum=4\nSSID4=\nWPAPSK4=\n"
+                                                 "AuthMode=OPEN;OPEN;OPEN;OPEN\nChannel=36\n");
+        ASSERT_TRUE(emu_.start());
+        node_ = std::make_unique<e2e::Child>(std::vector<std::string>{e2e::binPath("zormesh-node"),
+                                                                      "--root", root_.path(),
+                                                                      "--time-scale", "20"},
+                                             root_ + "/node.out", root_ + "/node.err");
+        ASSERT_TRUE(e2e::waitForListener(root_ + "/var/run/usock/21.sock", SOCK_STREAM));
+    }
+    // One command through zormeshctl: its exit status; the reply's payload bytes in *reply.
+    int ctl(int type, const std::string& hex = "", Bytes* reply = nullptr) {
+        std::vector<std::string> args = {e2e::binPath("zormeshctl"), "--socket",
+                                         root_ + "/var/run/usock/21.sock", "raw",
+                                         std::to_string(type)};
+        if (!hex.empty()) {
+            args.push_back(hex);
+        }
+        int rc = e2e::Child(args, root_ + "/ctl.out", root_ + "/ctl.err").waitExit();
+        if (reply != nullptr) {
+            std::string line = readFile(root_ + "/ctl.out");
+            *reply = hexBytes(line.substr(16, 2 * 1448));
+        }
+        return rc;
+    }
+    static std::string exampleRecord() {
+        return readFile(std::string(ZORMESH_SOURCE_DIR) + "/docs/examples/parent.hex");
+    }
+    // The connection (as "cN ") of the first transcript line that contains `text`.
+    std::string connectionOf(const std::string& text) {
+        for (const auto& l : emu_.transcript()) {
+            if (l.find(text) != std::string::npos) {
+                return l.substr(0, l.find(' ') + 1);
+            }
+        }
+        return "?";
+    }
+    bool shellSeen(const std::string& line) {
+        auto s = emu_.shellLines();
+        return std::find(s.begin(), s.end(), line) != s.end();
+    }
+    std::string nodeOut() { return readFile(root_ + "/node.out"); }
+    // A netlink message as the driver sends it: header, event type, unread word, record.
+    static Bytes event(uint32_t type, const std::string& record) {
+        const Bytes r = hexBytes(record);
+        Bytes m(24 + r.size(), 0);
+        const uint32_t len = static_cast<uint32_t>(m.size());
+        memcpy(m.data(), &len, 4);
+        memcpy(m.data() + 16, &type, 4);
+        std::copy(r.begin(), r.end(), m.begin() + 24);
+        return m;
+    }
+
+    e2e::TempRoot root_;
+    emu::ScriptEmulator emu_{root_.path()};
+    std::unique_ptr<e2e::Child> node_;
+};
+
+TEST_F(ParentNode, TheExampleRecordBringsUpAParentAndTypeFourTakesItDown) {
+    ASSERT_EQ(788u, hexBytes(exampleRecord()).size());
+    ASSERT_EQ(0, ctl(1, exampleRecord()));
+
+    // The backhaul AP, its switches and label, the elements: all before the reply came.
+    for (const char* line :
+         {"iwpriv rai3 set SSID=mesh_021122334455", "iwpriv rai3 set HideSSID=1",
+          "brctl addif br0 rai3", "iwpriv rai3 set ApMWDS=1", "iwpriv rai3 set ms_checkchild=1",
+          "iwpriv rai3 set ms_vlanid=0", "iwpriv rai3 set ms_fullsector=0",
+          "iwpriv apclii0 set ms_checkparent=1"}) {
+        EXPECT_TRUE(shellSeen(line)) << line;
+    }
+    std::vector<std::string> elements;
+    for (const auto& io : emu_.ioctls()) {
+        if (io.request == 0x8BF5 && io.flags == 3) {
+            EXPECT_EQ(kLabel, hex::toHex(io.payload));
+        } else if (io.request == 0x8BE1) {
+            elements.push_back(io.ifName + " " + std::to_string(io.payload[0]) + " " +
+                               hex::toHex(Bytes(io.payload.begin() + 11, io.payload.begin() + 15)));
+        }
+    }
+    // The ordinary AP's beacon, the backhaul's beacon and its two probe responses.
+    EXPECT_EQ((std::vector<std::string>{"ra0 1 02025ea7", "rai3 1 02025ea7", "rai3 4 02025ea7",
+                                        "rai3 4 03025ea7"}),
+              elements);
+
+    // The netlink channel was announced with the node's process id.
+    ASSERT_TRUE(emu_.waitNetlinkReady(e2e::kStartMs));
+    const uint32_t pid = static_cast<uint32_t>(node_->pid());
+    Bytes hello = hexBytes("10000000 0000 0000 00000000 00000000");
+    memcpy(hello.data() + 12, &pid, 4);
+    EXPECT_EQ(std::vector<Bytes>{hello}, emu_.netlinkSent());
+
+    Bytes state;
+    ASSERT_EQ(0, ctl(13, "", &state));
+    EXPECT_THAT(state[0], ::testing::AnyOf(1, 2, 4));
+
+    // The network check runs on a thread of its own, which disabling ends.
+    // Its first step is an ARP probe for the gateway.
+    ASSERT_TRUE(emu_.waitFor("packet-open 0x0806", e2e::kStartMs));
+    const std::string netChk = connectionOf("packet-open 0x0806");
+    ASSERT_EQ(0, ctl(4, "00000000"));
+    EXPECT_TRUE(emu_.waitFor(netChk + "bye thread", e2e::kStartMs));
+    EXPECT_TRUE(shellSeen("ifconfig rai3 down"));
+    EXPECT_TRUE(shellSeen("iwpriv rai3 set ms_blocknochild=0"));
+    const std::string log = readFile(root_ + "/tmp/zormesh.log");
+    EXPECT_THAT(log, HasSubstr("]mesh changed from enable to disable\r\n"));
+    EXPECT_TRUE(node_->running());
+}
+
+TEST_F(ParentNode, ASecondRecordReinitialisesWithoutNewThreadsOrANewSecret) {
+    ASSERT_EQ(0, ctl(1, exampleRecord()));
+    ASSERT_TRUE(emu_.waitNetlinkReady(e2e::kStartMs));
+    auto passphrase = [this] {
+        for (const auto& l : emu_.shellLines()) {
+            if (l.rfind("iwpriv rai3 set WPAPSK=", 0) == 0) {
+                return l;
+            }
+        }
+        return std::string("none");
+    };
+    const std::string first = passphrase();
+    EXPECT_TRUE(emu_.waitFor("random 16", 0));
+    emu_.clearRecords();
+    ASSERT_EQ(0, ctl(1, exampleRecord()));
+    // Disabled, then enabled again with the same passphrase: the secret was kept.
+    auto shell = emu_.shellLines();
+    const auto down = std::find(shell.begin(), shell.end(), "ifconfig rai3 down");
+    ASSERT_NE(shell.end(), down);
+    EXPECT_NE(shell.end(), std::find(down, shell.end(), "iwpriv rai3 set ms_checkchild=1"));
+    EXPECT_EQ(first, passphrase());
+    EXPECT_FALSE(emu_.waitFor("random", 0));
+    EXPECT_FALSE(emu_.waitFor("hello netlink", 0));
+    EXPECT_THAT(readFile(root_ + "/tmp/zormesh.log"), HasSubstr("]mesh reinit\r\n"));
+    EXPECT_THAT(nodeOut(), ::testing::Not(HasSubstr("has been registered")));
+}
+
+TEST_F(ParentNode, TheNetlinkChannelDispatchesByTypeAndKeepsOldBytes) {
+    ASSERT_EQ(0, ctl(1, exampleRecord()));
+    ASSERT_TRUE(emu_.waitNetlinkReady(e2e::kStartMs));
+    // An unknown type is reported.
+    ASSERT_EQ(1, emu_.pushNetlink(event(7, "00")));
+    for (int i = 0; i < 100 && nodeOut().find("invalid mesh event type") == std::string::npos;
+         ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_THAT(nodeOut(), HasSubstr("invalid mesh event type\r\n"));
+}
+
+} // namespace
