@@ -940,7 +940,7 @@ class NodeHandler : public emu::Handler {
             n_.targetOn = false;
         } else if (w.size() == 3 && w[0] == "1" && w[1] == "1" && readMac(w[2], &m)) {
             n_.targetOn = m == kGatewayMac;
-        } else if (w.size() == 7 && w[0] == "2") {
+        } else if (w.size() >= 5 && w.size() <= 6 && w[0] == "2") {
             // loop-detection set-up: interface index, uplink, ports, own MAC, digest
         } else if (w.size() == 2 && w[0] == "3" && (w[1] == "0" || w[1] == "1")) {
             bool on = w[1] == "1";
