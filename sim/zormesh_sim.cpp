@@ -167,8 +167,16 @@ Clock g_clock;
 class Timeline {
   public:
     void setQuiet(bool quiet) { quiet_ = quiet; }
+    // After the end of the run: what the models see while everything is torn down is noise.
+    void close() {
+        std::lock_guard<std::mutex> g(mu_);
+        closed_ = true;
+    }
     void add(const std::string& node, const std::string& text) {
         std::lock_guard<std::mutex> g(mu_);
+        if (closed_) {
+            return;
+        }
         double t = g_clock.now();
         if (!quiet_) {
             printf("%8.1f s  %-8s %s\n", t, node.c_str(), text.c_str());
@@ -187,6 +195,7 @@ class Timeline {
   private:
     mutable std::mutex mu_;
     bool quiet_ = false;
+    bool closed_ = false;
     json lines_ = json::array();
 };
 
@@ -599,15 +608,24 @@ class World {
             return std::string("send: ") + strerror(errno);
         }
         size_t got = 0;
+        int err = 0;
         while (got < sizeof msg) {
             ssize_t r = recv(fd, msg + got, sizeof msg - got, 0);
+            if (r < 0 && errno == EINTR) {
+                continue;
+            }
             if (r <= 0) {
+                err = r < 0 ? errno : 0;
                 break;
             }
             got += static_cast<size_t>(r);
         }
         close(fd);
-        return got == sizeof msg ? "" : "no reply";
+        if (got == sizeof msg) {
+            return "";
+        }
+        return "no reply (" + std::to_string(got) + " bytes" +
+               (err != 0 ? std::string(", ") + strerror(err) : std::string()) + ")";
     }
 
     MESH_ALL_CONFIG configOf(const Node& n) const {
@@ -1719,6 +1737,9 @@ int main(int argc, char** argv) {
     }
     double stoppedAt = g_clock.now();
     bool reachedEnd = stoppedAt >= end;
+    g_timeline.add("-", reachedEnd ? "end of the scenario"
+                                    : "run stopped: every expectation is decided or one failed");
+    g_timeline.close();
     for (size_t i = 0; i < sc.expects.size(); ++i) {
         if (reachedEnd) {
             judge(sc.expects[i], verdicts[i], stoppedAt, true);
