@@ -22,12 +22,6 @@
 
 namespace {
 
-void* parked(void*) {
-    for (;;) {
-        pause();
-    }
-}
-
 const Bytes kMac = hexBytes("021122334455");
 
 class MeshLife : public WlanTest {
@@ -42,14 +36,12 @@ class MeshLife : public WlanTest {
         mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_PARENT_INFO);
         mesh_state_resetModule();
         mesh_netChk_resetModule();
-        mesh_netChk_setThreadBody(parked);
         fake().setIfIndex("br0", 7);
         ASSERT_EQ(0, mesh_log_open());
         fake().clearRecords();
     }
     void TearDown() override {
         mesh_netChk_destroy();
-        mesh_netChk_setThreadBody(nullptr);
         mesh_netChk_resetModule();
         mesh_state_resetModule();
         mesh_parentHandler_resetModule();
@@ -105,12 +97,14 @@ class MeshLife : public WlanTest {
         c.fullSector = fullSector;
         return cmd(MESH_CMD_UPDATE_MESH, &c, MESH_SETTINGS_LEN);
     }
-    // Everything but the profile rewrites (checked by the adapter's tests), their lock and the
-    // socket; ioctls without their payload.
+    // Everything but the profile rewrites (checked by the adapter's tests), their lock, the
+    // socket and the network check's probes (its thread runs beside the command); ioctls
+    // without their payload.
     Lines seam() {
         Lines out;
         for (std::string l : fake().transcript()) {
-            if (l.rfind("shell sed ", 0) == 0 || l.rfind("sem-", 0) == 0 || l == "wlan-socket") {
+            if (l.rfind("shell sed ", 0) == 0 || l.rfind("sem-", 0) == 0 || l == "wlan-socket" ||
+                l.rfind("packet-", 0) == 0) {
                 continue;
             }
             if (l.rfind("ioctl ", 0) == 0) {
@@ -167,8 +161,7 @@ class MeshLife : public WlanTest {
 // Transcript lines of ioctls carry no payload here; the payloads that matter are compared whole
 // below.
 const std::string kLabel = "5a13c7029e41b86d33f0278ad4690be5";
-const Lines kStart = {"packet-open 0x0000", "packet-ifindex br0",
-                      "ioctl 0x8B1B rai3 flags=0 len=32"};
+const Lines kStart = {"ioctl 0x8B1B rai3 flags=0 len=32"};
 const Lines kBkhApCreated = {
     "shell ifconfig rai3 up",
     "shell iwpriv rai3 set HtBw=0",
@@ -224,6 +217,8 @@ const Lines kDelChild = {"ioctl 0x8BF5 rai3 flags=2 len=280",
 const Lines kDisableHead = {
     "proc-write /proc/mesh/config_count 1 0\\x00", "proc-write /proc/mesh/config_count 3 0\\x00",
     "shell iwpriv rai3 set ms_checkchild=0",       "shell iwpriv apclii0 set ms_checkparent=0",
+    "ioctl 0x8913 apclii0 flags=0 len=0", // the parent handler turns the station off
+    "shell brctl delif br0 apclii0 > /dev/null",   "shell ifconfig apclii0 down",
     "ioctl 0x8BE1 ra0 flags=34432 len=267", // only the first normalApNum slots
 };
 const Lines kDisableTail = {
@@ -231,6 +226,10 @@ const Lines kDisableTail = {
     "shell ifconfig rai3 down",
     "shell iwpriv rai3 set ms_blocknochild=0",
 };
+
+// The probe-request element rebuilt on the mesh station.
+const Lines kProbeReq = {"ioctl 0x8913 apclii0 flags=0 len=0",
+                         "ioctl 0x8BE1 apclii0 flags=34430 len=267"};
 
 Lines operator+(Lines a, const Lines& b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -362,19 +361,11 @@ TEST_F(MeshLife, SetCommandsStoreWhileDisabledIgnoreRepeatsAndApplyChanges) {
     admittedChildren();
     const MESH_ALL_CONFIG base = g_allConfig;
     const SetCase cases[] = {
-        {MESH_CMD_UPDATE_DIGEST,
-         58,
-         16,
-         "11111111111111111111111111111111",
-         "22222222222222222222222222222222",
-         {}},
-        {MESH_CMD_SET_CONTROLLER_ID,
-         35,
-         16,
-         "63312d30303030303030303030303030",
-         "63322d30303030303030303030303030",
-         {}},
-        {MESH_CMD_SET_RESET_FLAG, 52, 4, "01000000", "00000000", {}},
+        {MESH_CMD_UPDATE_DIGEST, 58, 16, "11111111111111111111111111111111",
+         "22222222222222222222222222222222", kProbeReq},
+        {MESH_CMD_SET_CONTROLLER_ID, 35, 16, "63312d30303030303030303030303030",
+         "63322d30303030303030303030303030", kProbeReq},
+        {MESH_CMD_SET_RESET_FLAG, 52, 4, "01000000", "00000000", kProbeReq},
         {MESH_CMD_SET_CONTROLLER_IP_PORT, 616, 88, "31302e302e302e3100", "31302e302e302e3200",
          kReencrypted},
         {MESH_CMD_SET_ORBP_CFG, 740, 40, "6964312d61", "6964322d61", kReencrypted},
@@ -413,10 +404,10 @@ TEST_F(MeshLife, AVlanIdActsEvenWhileDisabledAndKicksEachAdmittedChildOnce) {
     const uint16_t vlan = 9;
     EXPECT_EQ(0u, cmd(MESH_CMD_SET_VLAN_ID, &vlan, 2));
     EXPECT_EQ(Lines{"get wireless mac failed"}, errors()); // child 3 has no slot
-    EXPECT_EQ((Lines{"shell iwpriv rai3 set ms_vlanid=9",
-                     "shell iwpriv rai3 set DisConnectSta=06:00:00:00:00:01",
-                     "shell iwpriv rai3 set DisConnectSta=00:00:00:00:00:00"}),
-              seam());
+    const Lines kicks = {"shell iwpriv rai3 set ms_vlanid=9",
+                         "shell iwpriv rai3 set DisConnectSta=06:00:00:00:00:01",
+                         "shell iwpriv rai3 set DisConnectSta=00:00:00:00:00:00"};
+    EXPECT_EQ(kicks + kProbeReq, seam());
     EXPECT_EQ(9u, g_allConfig.vlanId);
     g_allConfig.meshEnable = 1;
     EXPECT_EQ(0u, cmd(MESH_CMD_SET_VLAN_ID, &vlan, 2));

