@@ -54,28 +54,27 @@ std::atomic<uint32_t> l_checkNow{0};
 std::atomic<uint32_t> l_loopCheckEnabled{0};
 std::atomic<uint32_t> l_loopInitDone{0};
 
-// The thread. init starts it (once: a second init keeps it) and destroy cancels it. The
-// thread can be cancelled only in its sleep and in the ARP probe's waits, so a cancellation
-// takes effect within one of those (at most 100 ms into a probe) and never leaves a lock
-// held; a socket of a probe cut short is closed as the thread unwinds. l_threadsAlive counts
-// the threads that have not yet finished unwinding (the module's reset waits for them).
+// The thread. init starts it (once: a second init keeps it) and destroy stops it: destroy
+// moves the run generation on, and a thread whose generation is no longer the current one
+// ends at its next sleep or probe wait without doing anything more, so a stop takes effect
+// within one of those (at most 100 ms into a probe) and destroy never waits for it.
+// l_threadsAlive counts the threads that have not ended yet (the module's reset waits for
+// them).
 pthread_mutex_t l_threadMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t l_threadCond = PTHREAD_COND_INITIALIZER;
-pthread_t l_thread;        // the running thread, while l_threadLive
 bool l_threadLive = false; // under l_threadMutex
 int l_threadsAlive = 0;    // under l_threadMutex
+std::atomic<uintptr_t> l_generation{0};
 
-// Runs a blocking call with cancellation allowed, so that destroy takes effect there.
-template <typename Fn> auto cancellable(Fn fn) {
-    int old = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &old);
-    pthread_testcancel();
-    auto result = fn();
-    pthread_setcancelstate(old, nullptr);
-    return result;
+// The generation of the calling network-check thread; 0 on every other thread.
+thread_local uintptr_t tl_generation = 0;
+
+// True on a network-check thread that destroy has stopped.
+bool stopped() {
+    return tl_generation != 0 && tl_generation != l_generation.load();
 }
 
-// Closes the probe's socket on every way out, a cancellation included.
+// Closes the probe's socket on every way out.
 struct PacketSocket {
     int fd;
     explicit PacketSocket(int f) : fd(f) {}
@@ -230,12 +229,14 @@ uint32_t mesh_netChk_init(const NETCHK_CONFIG* cfg, const uint8_t* ownMac, const
     // A second init without a destroy keeps the running thread: the reset request above
     // already makes it start over.
     if (!l_threadLive) {
-        if (pthread_create(&l_thread, nullptr, mesh_netChk_netChkThread, nullptr) != 0) {
+        pthread_t thread;
+        void* generation = reinterpret_cast<void*>(l_generation.fetch_add(1) + 1);
+        if (pthread_create(&thread, nullptr, mesh_netChk_netChkThread, generation) != 0) {
             pthread_mutex_unlock(&l_threadMutex);
             MESH_ERR("create network check Thread fail");
             return 1;
         }
-        pthread_detach(l_thread);
+        pthread_detach(thread);
         l_threadLive = true;
         ++l_threadsAlive;
     }
@@ -261,14 +262,14 @@ uint32_t mesh_netChk_setConfig(const NETCHK_CONFIG* cfg) {
 }
 
 uint32_t mesh_netChk_destroy(void) {
-    // The kernel lines first, then the cancellation, which takes effect at the thread's next
-    // sleep or probe wait: destroy never waits for a probe in progress.
+    // The kernel lines first, then the stop, which takes effect at the thread's next sleep or
+    // probe wait: destroy never waits for a probe in progress.
     (void)mesh_netChk_setTargetCountConfig(0, nullptr);
     (void)mesh_netChk_setLoopEnableConfig(0);
     pthread_mutex_lock(&l_threadMutex);
     if (l_threadLive) {
         l_threadLive = false;
-        pthread_cancel(l_thread);
+        l_generation.fetch_add(1); // the thread ends at its next sleep or wait
     }
     pthread_mutex_unlock(&l_threadMutex);
     l_lastCount.store(0);
@@ -517,7 +518,10 @@ uint32_t mesh_netChk_checkIpByArp(uint32_t senderIp, uint32_t targetIp, uint8_t*
 
     uint32_t start = mesh_common_getUptime();
     for (;;) {
-        int ready = cancellable([&] { return os().packetWait(sock.fd, MESH_ARP_WAIT_MS); });
+        int ready = os().packetWait(sock.fd, MESH_ARP_WAIT_MS);
+        if (stopped()) {
+            return 1;
+        }
         if (ready > 0) {
             // Any ARP frame arrives here (the socket is not bound); only the answer counts.
             int n = os().packetRecv(sock.fd, &frame, sizeof frame);
@@ -582,7 +586,11 @@ void mesh_netChk_tick(NETCHK_TICK* t) {
         NETCHK_CONFIG cfg = configCopy();
         if (cfg.deviceIp != 0 && cfg.netChkTargetIp != 0) {
             uint8_t mac[kMacLen];
-            if (mesh_netChk_checkIpByArp(cfg.deviceIp, cfg.netChkTargetIp, mac) != 0) {
+            const uint32_t rc = mesh_netChk_checkIpByArp(cfg.deviceIp, cfg.netChkTargetIp, mac);
+            if (stopped()) {
+                return; // destroyed during the probe: nothing more is written
+            }
+            if (rc != 0) {
                 l_netState.store(kRawUnreachable);
                 setTargetMac(kUnknownMac);
                 if (mesh_netChk_setTargetCountConfig(0, nullptr) != 0) {
@@ -635,23 +643,22 @@ void mesh_netChk_tick(NETCHK_TICK* t) {
     ++t->sinceProbe;
 }
 
-void* mesh_netChk_netChkThread(void* /*arg*/) {
+void* mesh_netChk_netChkThread(void* arg) {
     ThreadLife life;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    tl_generation = reinterpret_cast<uintptr_t>(arg);
     NETCHK_TICK t;
-    for (;;) {
+    while (!stopped()) {
         mesh_netChk_tick(&t);
-        cancellable([] {
+        if (!stopped()) {
             os().sleepSeconds(1);
-            return 0;
-        });
+        }
     }
     return nullptr;
 }
 
 void mesh_netChk_resetModule(void) {
     pthread_mutex_lock(&l_threadMutex);
-    while (l_threadsAlive > 0) { // a cancelled thread still unwinding
+    while (l_threadsAlive > 0) { // a stopped thread that has not woken yet
         pthread_cond_wait(&l_threadCond, &l_threadMutex);
     }
     pthread_mutex_unlock(&l_threadMutex);

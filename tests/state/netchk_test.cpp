@@ -274,11 +274,15 @@ TEST_F(NetChk, DestroyDoesNotWaitForAProbe) {
     start(config()); // the first probe waits for an answer that does not come
     const uint64_t before = fake.nowMillis();
     fake.clearRecords();
-    stop(); // the thread ends in its wait: no virtual time needs to pass
+    EXPECT_EQ(0u, mesh_netChk_destroy()); // returns at once: no virtual time passed
     EXPECT_EQ(before, fake.nowMillis());
+    EXPECT_EQ(1u, fake.sleepers());
+    fake.advanceMillis(100); // the thread ends at the end of its wait, writing nothing more
+    EXPECT_TRUE(fake.settle(0));
     EXPECT_EQ((Lines{"1 0", "3 0"}), lines());
-    mesh_netChk_resetModule(); // the thread has unwound: its socket is closed
-    EXPECT_EQ(0u, fake.openFds());
+    EXPECT_EQ(100u, fake.nowMillis() - before);
+    mesh_netChk_resetModule();
+    EXPECT_EQ(0u, fake.openFds()); // the probe's socket is closed
 }
 
 } // namespace

@@ -61,8 +61,8 @@ class StateTest : public ::testing::Test {
     }
     void TearDown() override {
         mesh_state_resetModule(); // stops the state thread
-        mesh_netChk_destroy();
-        mesh_netChk_resetModule(); // waits until the check's thread has ended
+        stop();
+        mesh_netChk_resetModule();
         mesh_state_resetModule();
         if (g_meshLog != nullptr) {
             fclose(g_meshLog);
@@ -77,9 +77,10 @@ class StateTest : public ::testing::Test {
         ASSERT_EQ(0u, mesh_netChk_init(&cfg, kOwnMac.data(), "pon0"));
         ASSERT_TRUE(fake.settle(1));
     }
-    // Stops the check; returns when its thread has left the clock.
+    // Stops the check; returns when its thread has woken from its sleep and ended.
     void stop() {
         EXPECT_EQ(0u, mesh_netChk_destroy());
+        fake.advanceSeconds(1);
         EXPECT_TRUE(fake.settle(0));
     }
     void tick(int n = 1) { fake.advanceSeconds(static_cast<uint32_t>(n)); } // n seconds
