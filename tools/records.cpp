@@ -10,257 +10,55 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <sstream>
 
 namespace records {
 
-// Name, offset and size of a member of a daemon struct.
-#define AT(S, m) #m, offsetof(S, m), sizeof(S::m)
+// A member of a daemon struct as a field: name, offset and size from the struct itself.
+#define FIELD(S, m, kind, doc)                                                                     \
+    Field {                                                                                        \
+#m, offsetof(S, m), sizeof(S::m), kind, doc                                                \
+    }
 
 namespace {
+
+constexpr Kind U = Kind::UINT;
 
 const Record& childEntryTable() {
     static const Record r{"child entry",
                           sizeof(MESH_CHILD_ENTRY),
                           "an admitted child",
-                          {
-                              {AT(MESH_CHILD_ENTRY, mac),
-                               Kind::MAC,
-                               "the child's device MAC",
-                               0,
-                               -1,
-                               {},
-                               nullptr,
-                               0,
-                               nullptr,
-                               "\"02:11:22:33:44:55\""},
-                              {AT(MESH_CHILD_ENTRY, digest),
-                               Kind::HEX,
-                               "the child's 16-byte digest",
-                               0,
-                               -1,
-                               {},
-                               nullptr,
-                               0,
-                               nullptr,
-                               "\"00112233445566778899aabbccddeeff\""},
-                          }};
+                          {FIELD(MESH_CHILD_ENTRY, mac, Kind::MAC, "the child's device MAC")
+                               .ex("\"02:11:22:33:44:55\""),
+                           FIELD(MESH_CHILD_ENTRY, digest, Kind::HEX, "the child's 16-byte digest")
+                               .ex("\"00112233445566778899aabbccddeeff\"")}};
     return r;
 }
 
 const Record& normalApTable() {
-    static const Record r{"ordinary AP",
-                          sizeof(MESH_NORMAL_AP),
-                          "one ordinary (client-serving) AP",
-                          {
-                              {AT(MESH_NORMAL_AP, enable),
-                               Kind::UINT,
-                               "non-zero: the AP is in use",
-                               0,
-                               -1,
-                               {},
-                               nullptr,
-                               0,
-                               nullptr,
-                               "1"},
-                              {AT(MESH_NORMAL_AP, flags),
-                               Kind::UINT,
-                               "bit 1 (value 2): carry the mesh element in this AP's beacon",
-                               0,
-                               -1,
-                               {},
-                               nullptr,
-                               0,
-                               nullptr,
-                               "2"},
-                              {AT(MESH_NORMAL_AP, ifName),
-                               Kind::TEXT,
-                               "interface name",
-                               0,
-                               -1,
-                               {},
-                               nullptr,
-                               0,
-                               nullptr,
-                               "\"ra0\""},
-                          }};
-    return r;
-}
-
-const Record& controllerTable() {
-    static const Record r{"controller address",
-                          sizeof(MESH_CONTROLLER_IP_PORT),
-                          "where the controller listens, handed on to the children",
-                          {
-                              {AT(MESH_CONTROLLER_IP_PORT, ip),
-                               Kind::TEXT,
-                               "address text, fewer than 80 characters",
-                               0,
-                               -1,
-                               {},
-                               nullptr,
-                               0,
-                               nullptr,
-                               "\"192.168.1.1\""},
-                              {AT(MESH_CONTROLLER_IP_PORT, value1),
-                               Kind::UINT,
-                               "first port",
-                               0,
-                               -1,
-                               {},
-                               nullptr,
-                               0,
-                               nullptr,
-                               "8080"},
-                              {AT(MESH_CONTROLLER_IP_PORT, value2),
-                               Kind::UINT,
-                               "second port",
-                               0,
-                               -1,
-                               {},
-                               nullptr,
-                               0,
-                               nullptr,
-                               "8081"},
-                          }};
-    return r;
-}
-
-const Record& basicWlanTable() {
     static const Record r{
-        "basic radio settings",
-        sizeof(MESH_BASIC_WLAN_CFG),
-        "width, channel and wireless mode of the backhaul",
-        {
-            {AT(MESH_BASIC_WLAN_CFG, reserved0), Kind::UINT, "carried along, not read"},
-            {AT(MESH_BASIC_WLAN_CFG, bandwidth),
-             Kind::UINT,
-             "width code 2 to 6",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "2"},
-            {AT(MESH_BASIC_WLAN_CFG, frequency),
-             Kind::UINT,
-             "MHz; 0 = automatic channel",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "5180"},
-            {AT(MESH_BASIC_WLAN_CFG, wlanMode),
-             Kind::UINT,
-             "the platform's wireless mode code",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "14"},
-            {AT(MESH_BASIC_WLAN_CFG, reserved4), Kind::UINT, "carried along, not read"},
-        }};
-    return r;
-}
-
-const Record& orbpTable() {
-    static const Record r{
-        "management-protocol settings",
-        sizeof(MESH_ORBP_CFG),
-        "controller identity text and capability version handed on to the children",
-        {
-            {AT(MESH_ORBP_CFG, vintacId),
-             Kind::TEXT,
-             "identity text, at most 32 characters",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "\"controller-1\""},
-            {AT(MESH_ORBP_CFG, verCap),
-             Kind::UINT,
-             "capability version",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "1"},
-        }};
+        "ordinary AP",
+        sizeof(MESH_NORMAL_AP),
+        "one client-serving AP",
+        {FIELD(MESH_NORMAL_AP, enable, U, "non-zero: the AP is in use").ex("1"),
+         FIELD(MESH_NORMAL_AP, flags, U,
+               "bit 1 (value 2): carry the mesh element in this AP's beacon")
+             .ex("2"),
+         FIELD(MESH_NORMAL_AP, ifName, Kind::TEXT, "interface name").ex("\"ra0\"")}};
     return r;
 }
 
 std::vector<Field> settingsFields() {
+    using S = MESH_ALL_CONFIG;
     return {
-        {AT(MESH_ALL_CONFIG, meshEnable),
-         Kind::UINT,
-         "1: the mesh is enabled, 0: disabled",
-         0,
-         1,
-         {},
-         nullptr,
-         0,
-         nullptr,
-         "1"},
-        {AT(MESH_ALL_CONFIG, netChkTargetSet),
-         Kind::UINT,
-         "non-zero: netChkTargetIp is the target of the network check",
-         0,
-         -1,
-         {},
-         nullptr,
-         0,
-         nullptr,
-         "0"},
-        {AT(MESH_ALL_CONFIG, netChkTargetIp),
-         Kind::IPV4,
-         "target of the network check",
-         0,
-         -1,
-         {},
-         nullptr,
-         0,
-         nullptr,
-         "\"0.0.0.0\""},
-        {AT(MESH_ALL_CONFIG, gatewayIp),
-         Kind::IPV4,
-         "gateway",
-         0,
-         -1,
-         {},
-         nullptr,
-         0,
-         nullptr,
-         "\"192.168.1.1\""},
-        {AT(MESH_ALL_CONFIG, deviceIp),
-         Kind::IPV4,
-         "own address",
-         0,
-         -1,
-         {},
-         nullptr,
-         0,
-         nullptr,
-         "\"192.168.1.2\""},
-        {AT(MESH_ALL_CONFIG, netmask),
-         Kind::IPV4,
-         "netmask",
-         0,
-         -1,
-         {},
-         nullptr,
-         0,
-         nullptr,
-         "\"255.255.255.0\""},
-        {AT(MESH_ALL_CONFIG, fullSector), Kind::UINT, "the driver's full-sector setting"},
+        FIELD(S, meshEnable, U, "1: the mesh is enabled, 0: disabled").range(0, 1).ex("1"),
+        FIELD(S, netChkTargetSet, U, "non-zero: netChkTargetIp is the target of the network check"),
+        FIELD(S, netChkTargetIp, Kind::IPV4, "target of the network check"),
+        FIELD(S, gatewayIp, Kind::IPV4, "gateway").ex("\"192.168.1.1\""),
+        FIELD(S, deviceIp, Kind::IPV4, "own address").ex("\"192.168.1.2\""),
+        FIELD(S, netmask, Kind::IPV4, "netmask").ex("\"255.255.255.0\""),
+        FIELD(S, fullSector, U, "the driver's full-sector setting"),
     };
 }
 
@@ -269,60 +67,67 @@ std::vector<Field> settingsFields() {
 const Record& childEntry() {
     return childEntryTable();
 }
+
 const Record& normalApList() {
-    static const Record r{"ordinary-AP list",
-                          sizeof(MESH_NORMAL_AP_LIST),
-                          "the ordinary APs that carry the mesh element",
-                          {
-                              {AT(MESH_NORMAL_AP_LIST, count),
-                               Kind::UINT,
-                               "number of APs in the list",
-                               0,
-                               MESH_MAX_NORMAL_AP,
-                               {},
-                               nullptr,
-                               0,
-                               "list",
-                               "1"},
-                              {AT(MESH_NORMAL_AP_LIST, list),
-                               Kind::ARRAY,
-                               "up to 16 APs",
-                               0,
-                               -1,
-                               {},
-                               &normalApTable(),
-                               MESH_MAX_NORMAL_AP},
-                          }};
+    using S = MESH_NORMAL_AP_LIST;
+    static const Record r{
+        "ordinary-AP list",
+        sizeof(S),
+        "the APs that may carry the mesh element",
+        {FIELD(S, count, U, "number of APs in the list")
+             .range(0, MESH_MAX_NORMAL_AP)
+             .counts("list")
+             .ex("1"),
+         FIELD(S, list, Kind::ARRAY, "up to 16 APs").of(normalApTable(), MESH_MAX_NORMAL_AP)}};
     return r;
 }
+
 const Record& scanRequest() {
+    using S = MESH_SCAN_REQUEST;
     static const Record r{
         "scan request",
-        sizeof(MESH_SCAN_REQUEST),
+        sizeof(S),
         "a candidate-parent scan",
-        {
-            {AT(MESH_SCAN_REQUEST, word), Kind::UINT, "handed to the scan, which does not use it"},
-            {AT(MESH_SCAN_REQUEST, notify),
-             Kind::UINT,
-             "non-zero: send the scan-done notification at the end",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "1"},
-        }};
+        {FIELD(S, word, U, "handed to the scan, which does not use it"),
+         FIELD(S, notify, U, "non-zero: send the scan-done notification at the end").ex("1")}};
     return r;
 }
+
 const Record& controllerIpPort() {
-    return controllerTable();
+    using S = MESH_CONTROLLER_IP_PORT;
+    static const Record r{
+        "controller address",
+        sizeof(S),
+        "where the controller listens, handed on to the children",
+        {FIELD(S, ip, Kind::TEXT, "address text, fewer than 80 characters").ex("\"192.168.1.1\""),
+         FIELD(S, value1, U, "first port").ex("8080"),
+         FIELD(S, value2, U, "second port").ex("8081")}};
+    return r;
 }
+
 const Record& basicWlanCfg() {
-    return basicWlanTable();
+    using S = MESH_BASIC_WLAN_CFG;
+    static const Record r{"basic radio settings",
+                          sizeof(S),
+                          "width, channel and wireless mode of the backhaul",
+                          {FIELD(S, reserved0, U, "carried along, not read"),
+                           FIELD(S, bandwidth, U, "width code 2 to 6").ex("2"),
+                           FIELD(S, frequency, U, "MHz; 0 = automatic channel").ex("5180"),
+                           FIELD(S, wlanMode, U, "the platform's wireless mode code").ex("14"),
+                           FIELD(S, reserved4, U, "carried along, not read")}};
+    return r;
 }
+
 const Record& orbpCfg() {
-    return orbpTable();
+    using S = MESH_ORBP_CFG;
+    static const Record r{
+        "management-protocol settings",
+        sizeof(S),
+        "controller identity text and capability version handed on to the children",
+        {FIELD(S, vintacId, Kind::TEXT, "identity text, at most 32 characters")
+             .ex("\"controller-1\""),
+         FIELD(S, verCap, U, "capability version").ex("1")}};
+    return r;
 }
 
 const Record& settings() {
@@ -332,203 +137,100 @@ const Record& settings() {
 }
 
 const Record& config() {
+    using S = MESH_ALL_CONFIG;
     static const Record r = [] {
-        Record c{"configuration record", sizeof(MESH_ALL_CONFIG),
+        Record c{"configuration record", sizeof(S),
                  "everything the management side hands down at start", settingsFields()};
-        const std::vector<Field> rest = {
-            {AT(MESH_ALL_CONFIG, deviceMac),
-             Kind::MAC,
-             "own device MAC",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "\"02:00:00:00:00:01\""},
-            {AT(MESH_ALL_CONFIG, controllerId),
-             Kind::HEX,
-             "controller identity, carried in probe requests",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "\"000102030405060708090a0b0c0d0e0f\""},
-            {AT(MESH_ALL_CONFIG, resetFlag), Kind::UINT,
-             "non-zero: the reset flag of the probe requests is set"},
-            {AT(MESH_ALL_CONFIG, vlanId), Kind::UINT, "mesh VLAN id", 0, 4095},
-            {AT(MESH_ALL_CONFIG, digest), Kind::HEX, "digest carried in probe requests"},
-            {AT(MESH_ALL_CONFIG, probeText),
-             Kind::TEXT,
-             "text carried in probe requests, at most 31 characters",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "\"zormesh\""},
-            {AT(MESH_ALL_CONFIG, probeTextAttr), Kind::UINT, "byte carried right after probeText"},
-            {AT(MESH_ALL_CONFIG, lanIfName),
-             Kind::TEXT,
-             "wired uplink interface",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "\"eth0\""},
-            {AT(MESH_ALL_CONFIG, radioName),
-             Kind::TEXT,
-             "radio name",
-             0,
-             -1,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "\"mt5g\""},
-            {AT(MESH_ALL_CONFIG, childNum),
-             Kind::UINT,
-             "number of admitted children",
-             0,
-             MESH_MAX_CHILD,
-             {},
-             nullptr,
-             0,
-             "childList",
-             "1"},
-            {AT(MESH_ALL_CONFIG, childList),
-             Kind::ARRAY,
-             "up to 4 admitted children",
-             0,
-             -1,
-             {},
-             &childEntryTable(),
-             MESH_MAX_CHILD},
-            {AT(MESH_ALL_CONFIG, normalApNum),
-             Kind::UINT,
-             "number of ordinary APs",
-             0,
-             MESH_MAX_NORMAL_AP,
-             {},
-             nullptr,
-             0,
-             "normalApList",
-             "1"},
-            {AT(MESH_ALL_CONFIG, normalApList),
-             Kind::ARRAY,
-             "up to 16 ordinary APs (enabling visits all 16 slots)",
-             0,
-             -1,
-             {},
-             &normalApTable(),
-             MESH_MAX_NORMAL_AP},
-            {AT(MESH_ALL_CONFIG, controllerIpPort),
-             Kind::RECORD,
-             "controller address",
-             0,
-             -1,
-             {},
-             &controllerTable()},
-            {AT(MESH_ALL_CONFIG, dfsFlag), Kind::UINT,
-             "non-zero: radar channels need the longer wait"},
-            {AT(MESH_ALL_CONFIG, bkhApParam), Kind::UINT, "handed to backhaul creation"},
-            {AT(MESH_ALL_CONFIG, countryCode),
-             Kind::UINT,
-             "ISO 3166-1 numeric country code",
-             0,
-             999,
-             {},
-             nullptr,
-             0,
-             nullptr,
-             "276"},
-            {AT(MESH_ALL_CONFIG, probeAttr), Kind::UINT, "byte carried in probe requests"},
-            {AT(MESH_ALL_CONFIG, basicWlanCfg),
-             Kind::RECORD,
-             "basic radio settings",
-             0,
-             -1,
-             {},
-             &basicWlanTable()},
-            {AT(MESH_ALL_CONFIG, advWlanCfg), Kind::UINT, "advanced radio settings word"},
-            {AT(MESH_ALL_CONFIG, orbpCfg),
-             Kind::RECORD,
-             "management-protocol settings",
-             0,
-             -1,
-             {},
-             &orbpTable()},
+        const Field rest[] = {
+            FIELD(S, deviceMac, Kind::MAC, "own device MAC").ex("\"02:00:00:00:00:01\""),
+            FIELD(S, controllerId, Kind::HEX, "controller identity, carried in probe requests")
+                .ex("\"000102030405060708090a0b0c0d0e0f\""),
+            FIELD(S, resetFlag, U, "non-zero: the reset flag of the probe requests is set"),
+            FIELD(S, vlanId, U, "mesh VLAN id").range(0, 4095),
+            FIELD(S, digest, Kind::HEX, "digest carried in probe requests"),
+            FIELD(S, probeText, Kind::TEXT, "text carried in probe requests, at most 31 characters")
+                .ex("\"zormesh\""),
+            FIELD(S, probeTextAttr, U, "byte carried right after probeText"),
+            FIELD(S, lanIfName, Kind::TEXT, "wired uplink interface").ex("\"eth0\""),
+            FIELD(S, radioName, Kind::TEXT, "radio name").ex("\"mt5g\""),
+            FIELD(S, childNum, U, "number of admitted children")
+                .range(0, MESH_MAX_CHILD)
+                .counts("childList")
+                .ex("1"),
+            FIELD(S, childList, Kind::ARRAY, "up to 4 admitted children")
+                .of(childEntryTable(), MESH_MAX_CHILD),
+            FIELD(S, normalApNum, U, "number of ordinary APs")
+                .range(0, MESH_MAX_NORMAL_AP)
+                .counts("normalApList")
+                .ex("1"),
+            FIELD(S, normalApList, Kind::ARRAY,
+                  "up to 16 ordinary APs (enabling visits all 16 slots)")
+                .of(normalApTable(), MESH_MAX_NORMAL_AP),
+            FIELD(S, controllerIpPort, Kind::RECORD, "controller address").of(controllerIpPort()),
+            FIELD(S, dfsFlag, U, "non-zero: radar channels need the longer wait"),
+            FIELD(S, bkhApParam, U, "handed to backhaul creation"),
+            FIELD(S, countryCode, U, "ISO 3166-1 numeric country code").range(0, 999).ex("276"),
+            FIELD(S, probeAttr, U, "byte carried in probe requests"),
+            FIELD(S, basicWlanCfg, Kind::RECORD, "basic radio settings").of(basicWlanCfg()),
+            FIELD(S, advWlanCfg, U, "advanced radio settings word"),
+            FIELD(S, orbpCfg, Kind::RECORD, "management-protocol settings").of(orbpCfg()),
         };
-        c.fields.insert(c.fields.end(), rest.begin(), rest.end());
+        c.fields.insert(c.fields.end(), std::begin(rest), std::end(rest));
         return c;
     }();
     return r;
 }
 
 const Record& onlineChild() {
-    static const Record r{
-        "online child",
-        sizeof(MESH_ONLINE_CHILD_INFO),
-        "an admitted child associated with the backhaul AP",
-        {
-            {AT(MESH_ONLINE_CHILD_INFO, mac), Kind::MAC, "the child's device MAC"},
-            {AT(MESH_ONLINE_CHILD_INFO, value48Div1000), Kind::UINT,
-             "station value at 48, divided by 1000"},
-            {AT(MESH_ONLINE_CHILD_INFO, value52Div1000), Kind::UINT,
-             "station value at 52, divided by 1000"},
-            {AT(MESH_ONLINE_CHILD_INFO, signalLevel), Kind::UINT, "rssi + 95"},
-            {AT(MESH_ONLINE_CHILD_INFO, rssi), Kind::INT, "signal strength, dBm"},
-            {AT(MESH_ONLINE_CHILD_INFO, counter32Low), Kind::UINT, "low word of counter 32"},
-            {AT(MESH_ONLINE_CHILD_INFO, counter40Low), Kind::UINT, "low word of counter 40"},
-            {AT(MESH_ONLINE_CHILD_INFO, counter16), Kind::UINT, "station counter 16"},
-            {AT(MESH_ONLINE_CHILD_INFO, counter24), Kind::UINT, "station counter 24"},
-        }};
+    using S = MESH_ONLINE_CHILD_INFO;
+    static const Record r{"online child",
+                          sizeof(S),
+                          "an admitted child associated with the backhaul AP",
+                          {FIELD(S, mac, Kind::MAC, "the child's device MAC"),
+                           FIELD(S, value48Div1000, U, "station value at 48, divided by 1000"),
+                           FIELD(S, value52Div1000, U, "station value at 52, divided by 1000"),
+                           FIELD(S, signalLevel, U, "rssi + 95"),
+                           FIELD(S, rssi, Kind::INT, "signal strength, dBm"),
+                           FIELD(S, counter32Low, U, "low word of counter 32"),
+                           FIELD(S, counter40Low, U, "low word of counter 40"),
+                           FIELD(S, counter16, U, "station counter 16"),
+                           FIELD(S, counter24, U, "station counter 24")}};
     return r;
 }
 
 const Record& candidateChild() {
+    using S = MESH_CANDIDATE_CHILD_INFO;
     static const Record r{
         "candidate child",
-        sizeof(MESH_CANDIDATE_CHILD_INFO),
+        sizeof(S),
         "a node that asked to join, heard within the last minute",
-        {
-            {AT(MESH_CANDIDATE_CHILD_INFO, deviceMac), Kind::MAC, "its device MAC"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, staMac), Kind::MAC, "its station MAC"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, probeText), Kind::TEXT, "its probe text"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, controllerId), Kind::HEX, "its controller identity"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, resetFlag), Kind::UINT, "1: its reset flag is set"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, probeAttr), Kind::UINT, "its probe attribute"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, drv15), Kind::UINT, "driver value 15"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, probeTextAttr), Kind::UINT, "its probe text attribute"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, drv12), Kind::UINT, "driver value 12"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, drv13Best), Kind::INT, "best driver value 13"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, drv14), Kind::UINT, "driver value 14"},
-            {AT(MESH_CANDIDATE_CHILD_INFO, verCap), Kind::UINT, "its capability version"},
-        }};
+        {FIELD(S, deviceMac, Kind::MAC, "its device MAC"),
+         FIELD(S, staMac, Kind::MAC, "its station MAC"),
+         FIELD(S, probeText, Kind::TEXT, "its probe text"),
+         FIELD(S, controllerId, Kind::HEX, "its controller identity"),
+         FIELD(S, resetFlag, U, "1: its reset flag is set"),
+         FIELD(S, probeAttr, U, "its probe attribute"), FIELD(S, drv15, U, "driver value 15"),
+         FIELD(S, probeTextAttr, U, "its probe text attribute"),
+         FIELD(S, drv12, U, "driver value 12"),
+         FIELD(S, drv13Best, Kind::INT, "best driver value 13"),
+         FIELD(S, drv14, U, "driver value 14"), FIELD(S, verCap, U, "its capability version")}};
     return r;
 }
 
 const Record& scanCandidate() {
-    static const Record r{
-        "scan candidate",
-        sizeof(MESH_SCAN_CANDIDATE),
-        "a possible parent found by the last scan",
-        {
-            {AT(MESH_SCAN_CANDIDATE, bssid), Kind::MAC, "the parent's backhaul BSSID"},
-            {AT(MESH_SCAN_CANDIDATE, entryValue), Kind::UINT, "survey entry value"},
-            {AT(MESH_SCAN_CANDIDATE, signalLevel), Kind::UINT, "rssi + 95"},
-            {AT(MESH_SCAN_CANDIDATE, rssi), Kind::INT, "signal strength, dBm"},
-            {AT(MESH_SCAN_CANDIDATE, meshAttr), Kind::UINT, "mesh attribute"},
-        }};
+    using S = MESH_SCAN_CANDIDATE;
+    static const Record r{"scan candidate",
+                          sizeof(S),
+                          "a possible parent found by the last scan",
+                          {FIELD(S, bssid, Kind::MAC, "the parent's backhaul BSSID"),
+                           FIELD(S, entryValue, U, "survey entry value"),
+                           FIELD(S, signalLevel, U, "rssi + 95"),
+                           FIELD(S, rssi, Kind::INT, "signal strength, dBm"),
+                           FIELD(S, meshAttr, U, "mesh attribute")}};
     return r;
 }
 
-#undef AT
+#undef FIELD
 
 const Field* Record::find(const std::string& key) const {
     for (const Field& f : fields) {
@@ -672,17 +374,7 @@ class Reader {
 
     bool number(const Field& f, const Json& v, uint8_t* out, const std::string& path) {
         Range r = rangeOf(f);
-        std::string limits = r.isSigned ? std::to_string(r.lo) + " to " + std::to_string(r.hi)
-                                        : std::to_string(r.lo) + " to " + std::to_string(r.hi);
-        if (v.is_string()) {
-            for (const Name& n : f.names) {
-                if (v.get<std::string>() == n.name) {
-                    putLe(out, f.size, static_cast<uint64_t>(n.value));
-                    return true;
-                }
-            }
-            return fail(path, "\"" + v.get<std::string>() + "\" is not a known name");
-        }
+        const std::string limits = std::to_string(r.lo) + " to " + std::to_string(r.hi);
         if (v.is_boolean()) {
             putLe(out, f.size, v.get<bool>() ? 1 : 0);
             return true;

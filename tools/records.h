@@ -19,7 +19,7 @@
 //
 // JSON keys are the field names of the headers. A missing key leaves its bytes zero; an unknown
 // key, a value of the wrong type or out of range is refused with the path of the value. Values:
-// numbers as JSON numbers (or true/false, or a name where the field lists names), IPv4
+// numbers as JSON numbers (or true/false for 1/0), IPv4
 // addresses as "a.b.c.d", MAC addresses as "aa:bb:cc:dd:ee:ff", byte strings as hexadecimal
 // text of exactly the field's size, texts as strings (shorter than the field, no NUL). Nested
 // records are objects, arrays of entries are arrays of objects; a count field left out takes the
@@ -50,11 +50,6 @@ enum class Kind {
     ARRAY, // `count` entries of `sub`, each sub->size bytes
 };
 
-struct Name {
-    const char* name;
-    int64_t value;
-};
-
 struct Record;
 
 struct Field {
@@ -65,11 +60,33 @@ struct Field {
     const char* doc;
     int64_t min = 0;
     int64_t max = -1;              // -1: the full range of the size
-    std::vector<Name> names = {};  // enumeration names (UINT, INT)
     const Record* sub = nullptr;   // RECORD, ARRAY
     size_t count = 0;              // ARRAY
     const char* countOf = nullptr; // UINT: counts the entries of this ARRAY field
     const char* example = nullptr; // JSON text for the template; default: a zero value
+
+    Field range(int64_t lo, int64_t hi) const {
+        Field f = *this;
+        f.min = lo;
+        f.max = hi;
+        return f;
+    }
+    Field of(const Record& rec, size_t n = 0) const {
+        Field f = *this;
+        f.sub = &rec;
+        f.count = n;
+        return f;
+    }
+    Field counts(const char* array) const {
+        Field f = *this;
+        f.countOf = array;
+        return f;
+    }
+    Field ex(const char* json) const {
+        Field f = *this;
+        f.example = json;
+        return f;
+    }
 };
 
 struct Record {
