@@ -663,6 +663,13 @@ class World {
 
 World g_world;
 
+// Ctrl-C or a termination request: the run stops, the daemons are stopped, the report written.
+volatile sig_atomic_t g_interrupted = 0;
+
+void interrupted(int) {
+    g_interrupted = 1;
+}
+
 // ---- one node's driver, kernel and wired network, as the emulation protocol sees them ------
 
 class NodeHandler : public emu::Handler {
@@ -1630,6 +1637,8 @@ int main(int argc, char** argv) {
     g_timeline.setQuiet(quiet);
     g_world.rng.seed(sc.seed);
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGINT, interrupted);
+    signal(SIGTERM, interrupted);
 
     // Models and listeners first, so that each daemon finds its surroundings at start.
     for (size_t i = 0; i < sc.nodes.size(); ++i) {
@@ -1733,12 +1742,17 @@ int main(int argc, char** argv) {
         if (failed || all || t >= end) {
             break;
         }
+        if (g_interrupted != 0) {
+            status = EXIT_TROUBLE;
+            break;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     double stoppedAt = g_clock.now();
     bool reachedEnd = stoppedAt >= end;
-    g_timeline.add("-", reachedEnd ? "end of the scenario"
-                                    : "run stopped: every expectation is decided or one failed");
+    g_timeline.add("-", g_interrupted != 0 ? "run interrupted"
+                        : reachedEnd       ? "end of the scenario"
+                                     : "run stopped: every expectation is decided or one failed");
     g_timeline.close();
     for (size_t i = 0; i < sc.expects.size(); ++i) {
         if (reachedEnd) {
