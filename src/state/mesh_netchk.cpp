@@ -87,7 +87,7 @@ struct PacketSocket {
     }
 };
 
-// Marks the end of the thread when it has unwound (its last act).
+// Marks the end of the thread (its last act).
 struct ThreadLife {
     ThreadLife() = default;
     ThreadLife(const ThreadLife&) = delete;

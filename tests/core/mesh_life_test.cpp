@@ -42,6 +42,7 @@ class MeshLife : public WlanTest {
     }
     void TearDown() override {
         mesh_netChk_destroy();
+        fake().advanceSeconds(5); // stopped network-check threads wake and end
         mesh_netChk_resetModule();
         mesh_state_resetModule();
         mesh_parentHandler_resetModule();

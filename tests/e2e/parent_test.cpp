@@ -19,8 +19,13 @@ class ParentNode : public ::testing::Test {
         emu_.setProc("/proc/mesh/loop_status", "0");
         emu_.setIfIndex("br0", 5);
         emu_.setIfIndex(emu_.device().staIfName, 7);
-        emu_.writeFile("/tmp/wireless/mt5g.dat", "Default\nBssidNum=4\nSSID4=\nWPAPSK4=\n"
-                                                 "AuthMode=OPEN;OPEN;OPEN;OPEN\nChannel=36\n");
+        emu_.writeFile("/tmp/wireless/mt5g.dat",
+                       "Default\nBssidNum=4\nSSID=\nSSID1=ap\nSSID2=\nSSID3=\nSSID4=\n"
+                       "WPAPSK=\nWPAPSK1=\nWPAPSK2=\nWPAPSK3=\nWPAPSK4=\n"
+                       "AuthMode=OPEN;OPEN;OPEN;OPEN\nEncrypType=NONE;NONE;NONE;NONE\n"
+                       "RekeyMethod=DISABLE;DISABLE;DISABLE;DISABLE\nHideSSID=0;0;0;0\n"
+                       "HT_BW=1\nVHT_BW=1\nHT_BSSCoexistence=0\nHT_EXTCHA=0\n"
+                       "AutoChannelSelect=3\nChannel=36\n");
         ASSERT_TRUE(emu_.start());
         node_ = std::make_unique<e2e::Child>(std::vector<std::string>{e2e::binPath("zormesh-node"),
                                                                       "--root", root_.path(),
@@ -156,13 +161,62 @@ TEST_F(ParentNode, ASecondRecordReinitialisesWithoutNewThreadsOrANewSecret) {
 TEST_F(ParentNode, TheNetlinkChannelDispatchesByTypeAndKeepsOldBytes) {
     ASSERT_EQ(0, ctl(1, exampleRecord()));
     ASSERT_TRUE(emu_.waitNetlinkReady(e2e::kStartMs));
-    // An unknown type is reported.
+    // A whole child probe, then one that carries only a device MAC: the candidate list sees
+    // the rest of the first one's bytes again.
+    const std::string probe = "0a0000000011 060000000011 01 f0 03 04 01 05" // MACs, driver, flags
+                              "63312d30303030303030303030303030"            // controllerId
+                              "6669727374207072 6f62657200000000 0000000000000000 0000000000000000"
+                              "07 00" +
+                              std::string(256, '0') + "00000002";
+    ASSERT_EQ(1, emu_.pushNetlink(event(1, probe)));
+    ASSERT_EQ(1, emu_.pushNetlink(event(1, "0a0000000022")));
     ASSERT_EQ(1, emu_.pushNetlink(event(7, "00")));
-    for (int i = 0; i < 100 && nodeOut().find("invalid mesh event type") == std::string::npos;
+    for (int i = 0; i < 200 && nodeOut().find("invalid mesh event type") == std::string::npos;
          ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_THAT(nodeOut(), HasSubstr("invalid mesh event type\r\n"));
+
+    Bytes list;
+    ASSERT_EQ(0, ctl(8, "", &list));
+    ASSERT_EQ(2, list[0]);
+    const std::string entry = "060000000011" // staMac
+                              "6669727374207072 6f62657200000000 0000000000000000 0000000000000000"
+                              "63312d30303030303030303030303030"  // controllerId
+                              "00 05 04 07 01 f0 03 00 02000000"; // flags, driver values, verCap
+    EXPECT_EQ(e2e::hexBytes("0a0000000011" + entry), Bytes(list.begin() + 4, list.begin() + 76));
+    EXPECT_EQ(e2e::hexBytes("0a0000000022" + entry), Bytes(list.begin() + 76, list.begin() + 148));
+}
+
+TEST_F(ParentNode, AParentEventReachesTheParentHandlerOfAnIsolatedNode) {
+    // No uplink answers: after the network check's time the node is isolated and searches.
+    ASSERT_EQ(0, ctl(1, exampleRecord()));
+    ASSERT_TRUE(emu_.waitNetlinkReady(e2e::kStartMs));
+    const std::string log = root_ + "/tmp/zormesh.log";
+    auto waitFor = [](const std::function<bool()>& done) {
+        for (int i = 0; i < 1500 && !done(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return done();
+    };
+    ASSERT_TRUE(waitFor([&] {
+        return readFile(log).find("->MESH_STATE_ISOLATED") != std::string::npos;
+    })) << readFile(log);
+    // The driver answers each site survey with a parent whose pairing block was not made
+    // for this node's key: the parent handler stores it and the search fails to decrypt it.
+    const std::string info = "000000000000 0a0b0c0d0e0f 24 000000 0e000000 0000" +
+                             std::string(256, 'a') + "00" + std::string(256, '0') + "00";
+    size_t surveys = 0;
+    EXPECT_TRUE(waitFor([&] {
+        auto shell = emu_.shellLines();
+        const size_t n = static_cast<size_t>(
+            std::count(shell.begin(), shell.end(), "iwpriv apclii0 set SiteSurvey=1"));
+        if (n > surveys) {
+            surveys = n;
+            emu_.pushNetlink(event(2, info));
+        }
+        return nodeOut().find("decrypt failed") != std::string::npos;
+    })) << readFile(log);
 }
 
 } // namespace
