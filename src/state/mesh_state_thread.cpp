@@ -92,7 +92,8 @@ void restartNetCheck(EVAL& e) {
     }
 }
 
-// Step 1: true when this tick evaluates.
+// The run switch: true when this tick evaluates. Switching on restarts the evaluation in
+// NORMAL with the network CHECKING; switching off leaves one last tick.
 bool enableHandling(EVAL& e) {
     const uint32_t enable = getEnable();
     if (e.running == 0 && enable != 0) {
@@ -120,7 +121,8 @@ bool enableHandling(EVAL& e) {
     return e.running != 0;
 }
 
-// Steps 3 and 4: the conditions of the current state; management smoothed.
+// The conditions the current state cares about; an unreadable management file keeps the
+// last readable value.
 void measureAll(EVAL& e) {
     for (const MESH_STATE_FUNC_ENTRY& row : l_meshStateFuncTable) {
         if (row.state == e.current) {
@@ -139,7 +141,8 @@ void measureAll(EVAL& e) {
     }
 }
 
-// Steps 6 and 7.
+// LAN and station changes are logged; an uplink or an association that comes up makes the
+// network check look at once.
 void logLinks(EVAL& e) {
     e.lanTran = getLanLinkStateTran(e.lanPrev, e.lan);
     if (e.lan != e.lanPrev) {
@@ -158,7 +161,7 @@ void logLinks(EVAL& e) {
     e.staPrev = e.sta;
 }
 
-// Step 8: true when a rescan took this tick.
+// A rescan request: true when it took this tick (only in MESH; elsewhere it is dropped).
 bool rescan(EVAL& e) {
     if (getRescanRequest() == 0) {
         return false;
@@ -178,7 +181,7 @@ bool rescan(EVAL& e) {
     return true;
 }
 
-// Step 10: loop detection while the node bridges a wired side with the mesh.
+// Loop detection while the node bridges a wired side with the mesh.
 void switchLoopDetection(EVAL& e) {
     e.portUp = 0;
     if (e.sta == STA_ON) {
@@ -200,7 +203,7 @@ void switchLoopDetection(EVAL& e) {
     }
 }
 
-// Step 11: the first matching rule.
+// The first matching rule of the table.
 void applyRules(EVAL& e) {
     for (const MESH_STATE_TRANS_ENTRY& row : l_meshStateTransTable) {
         if (!matches(row, e)) {
