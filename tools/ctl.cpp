@@ -242,7 +242,20 @@ void printWord(const Output& o, const uint8_t* payload, const char* key,
     }
 }
 
-// A count byte and entries of one record from `entriesAt`.
+// The longest lists fit the payload, so a count capped at its maximum bounds every read.
+static_assert(MESH_ONLINE_CHILD_REPLY_OFF +
+                      MESH_MAX_ONLINE_CHILD * sizeof(MESH_ONLINE_CHILD_INFO) <=
+                  MESH_CMD_PAYLOAD_LEN,
+              "online children fit");
+static_assert(MESH_CANDIDATE_CHILD_REPLY_OFF +
+                      MESH_MAX_CANDIDATE_CHILD * sizeof(MESH_CANDIDATE_CHILD_INFO) <=
+                  MESH_CMD_PAYLOAD_LEN,
+              "candidates fit");
+static_assert(MESH_SCAN_RESULT_REPLY_OFF + MESH_MAX_SCAN_CANDIDATE * sizeof(MESH_SCAN_CANDIDATE) <=
+                  MESH_CMD_PAYLOAD_LEN,
+              "scan results fit");
+
+// A count byte and entries of one record from `entriesAt`; a count above `max` is capped.
 void printList(const Output& o, const uint8_t* payload, size_t entriesAt, size_t max,
                const records::Record& rec, const char* key, const char* noun) {
     size_t count = payload[0];

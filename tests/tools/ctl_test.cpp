@@ -312,6 +312,10 @@ TEST_F(Ctl, QueryRepliesAsTextAndJson) {
         ASSERT_EQ(0, run({"-j", c.query}, payload));
         EXPECT_EQ(c.json + "\n", out) << c.query;
     }
+    // A count above what the reply can hold is capped and reported.
+    ASSERT_EQ(0, run({"online-children"}, hexBytes("05")));
+    EXPECT_EQ(0u, out.find("4 online children\n")) << out;
+    EXPECT_NE(std::string::npos, err.find("counts 5 online children, at most 4")) << err;
 }
 
 TEST(CtlDocs, TheTemplateOnThePageIsTheProgramsOwn) {
