@@ -12,6 +12,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#ifndef ZORMESH_VERSION
+#define ZORMESH_VERSION "unknown"
+#endif
+
 namespace {
 
 constexpr int EXIT_USAGE = 2;
@@ -34,6 +38,7 @@ void usage(FILE* out) {
             "                    packet waits are scaled; the command socket's 2-second receive\n"
             "                    budget and 10-second accept wait stay real time.\n"
             "  -h, --help        this text\n"
+            "  --version         the version\n"
             "\n"
             "The error log goes to standard output as on the device. Exit status: 2 bad usage,\n"
             "3 the root cannot be used, 4 no emulator answers; otherwise the daemon runs until\n"
@@ -58,6 +63,10 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
             usage(stdout);
+            return 0;
+        }
+        if (strcmp(argv[i], "--version") == 0) {
+            printf("zormesh-node %s\n", ZORMESH_VERSION);
             return 0;
         }
         if (strcmp(argv[i], "--root") == 0 && i + 1 < argc) {

@@ -1,9 +1,7 @@
 // The candidate-parent scan commands: one detached scan at a time, its state, its result (a
 // reader waits for a running scan), and the scan-done notice at the event service.
-#include <utility> // service_socket.h uses std::exchange
-
-#include "../wlan/wlan_fixture.h"
 #include "../security/service_socket.h"
+#include "../wlan/wlan_fixture.h"
 
 #include "core/mesh_config.h"
 #include "core/mesh_handle_scan.h"
