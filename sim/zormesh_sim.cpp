@@ -296,6 +296,8 @@ class World {
     std::vector<std::unique_ptr<Node>> nodes;
     std::string nodeProgram;
     std::mt19937_64 rng;
+    // Set when the run is over: the associations stay as the run left them for the report.
+    bool tearingDown = false;
 
     Node* find(const std::string& name) {
         for (auto& n : nodes) {
@@ -367,6 +369,9 @@ class World {
     // ------------------------------------------------------------------------------ Drops
     // associations that no longer hold; caller holds mu.
     void refresh() {
+        if (tearingDown) {
+            return;
+        }
         for (auto& c : nodes) {
             if (c->parent.empty()) {
                 continue;
@@ -397,7 +402,7 @@ class World {
     // A station that is switched on tries to join the backhaul AP it was configured for;
     // caller holds mu. Failures are told once per reason.
     void tryAssociate(Node& c) {
-        if (!c.alive || !c.staEnabled || !c.parent.empty() || !c.ifs[c.sta].up ||
+        if (tearingDown || !c.alive || !c.staEnabled || !c.parent.empty() || !c.ifs[c.sta].up ||
             c.staSsid.empty()) {
             return;
         }
@@ -1336,9 +1341,11 @@ void killDaemon(Node& n, int sig) {
         std::lock_guard<std::mutex> g(g_world.mu);
         pid = n.pid;
         n.pid = -1;
-        n.alive = false;
-        resetDriver(n);
-        g_world.refresh();
+        if (!g_world.tearingDown) { // at the end the models stay as the run left them
+            n.alive = false;
+            resetDriver(n);
+            g_world.refresh();
+        }
     }
     if (pid > 0) {
         kill(pid, sig);
@@ -1754,6 +1761,10 @@ int main(int argc, char** argv) {
                         : reachedEnd       ? "end of the scenario"
                                      : "run stopped: every expectation is decided or one failed");
     g_timeline.close();
+    {
+        std::lock_guard<std::mutex> g(g_world.mu);
+        g_world.tearingDown = true;
+    }
     for (size_t i = 0; i < sc.expects.size(); ++i) {
         if (reachedEnd) {
             judge(sc.expects[i], verdicts[i], stoppedAt, true);
