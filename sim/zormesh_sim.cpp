@@ -57,6 +57,10 @@
 
 extern char** environ;
 
+#ifndef ZORMESH_NODE_LAUNCHER
+#define ZORMESH_NODE_LAUNCHER ""
+#endif
+
 namespace {
 
 using emu::Bytes;
@@ -1261,7 +1265,20 @@ void mkdirs(const std::string& path) {
 bool startDaemon(Node& n, std::string* error) {
     std::string out = n.root + "/daemon.out";
     std::string scale = std::to_string(g_clock.scale());
-    std::vector<std::string> args = {g_world.nodeProgram, "--root", n.root, "--time-scale", scale};
+    // A cross build runs its programs through an emulator (qemu-user): the daemons too.
+    std::vector<std::string> args;
+    std::istringstream launcher(ZORMESH_NODE_LAUNCHER);
+    for (std::string w; launcher >> w;) {
+        args.push_back(w);
+    }
+    if (!args.empty() && args[0].find('/') != std::string::npos &&
+        access(args[0].c_str(), X_OK) != 0) {
+        args.clear(); // not on this machine: the node runs natively here
+    }
+    for (const std::string& a :
+         {g_world.nodeProgram, std::string("--root"), n.root, std::string("--time-scale"), scale}) {
+        args.push_back(a);
+    }
     std::vector<char*> argv;
     for (auto& a : args) {
         argv.push_back(const_cast<char*>(a.c_str()));
@@ -1272,7 +1289,7 @@ bool startDaemon(Node& n, std::string* error) {
     posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     posix_spawn_file_actions_adddup2(&fa, 1, 2);
     pid_t pid = -1;
-    int rc = posix_spawn(&pid, g_world.nodeProgram.c_str(), &fa, nullptr, argv.data(), environ);
+    int rc = posix_spawnp(&pid, args[0].c_str(), &fa, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&fa);
     if (rc != 0) {
         *error = "cannot start " + g_world.nodeProgram + ": " + strerror(rc);
