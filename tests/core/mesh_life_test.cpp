@@ -159,83 +159,64 @@ class MeshLife : public WlanTest {
     }
 };
 
-// Transcript lines of ioctls carry no payload here; the payloads that matter are compared whole
-// below.
-const std::string kLabel = "5a13c7029e41b86d33f0278ad4690be5";
-const Lines kStart = {"ioctl 0x8B1B rai3 flags=0 len=32"};
-const Lines kBkhApCreated = {
-    "shell ifconfig rai3 up",
-    "shell iwpriv rai3 set HtBw=0",
-    "shell iwpriv rai3 set VhtBw=0",
-    "shell iwpriv rai3 set HtBssCoex=0",
-    "shell iwpriv rai3 set HtExtcha=0",
-    "shell iwpriv rai3 set AutoChannelSel=0",
-    "shell iwpriv rai3 set Channel=149",
-    "shell iwpriv rai3 set ms_blocknochild=1",
-    "shell iwpriv rai3 set AuthMode=WPA2PSK",
-    "shell iwpriv rai3 set EncrypType=AES",
-    "shell iwpriv rai3 set RekeyMethod=DISABLE",
-    "shell iwpriv rai3 set WPAPSK=5e7af1813fe0bcb244bd96b3e38a737b",
-    "shell iwpriv rai3 set SSID=mesh_021122334455",
-    "shell iwpriv rai3 set HideSSID=1",
-    "shell brctl addif br0 rai3",
-};
-const Lines kBkhApReapplied = {
-    "shell ifconfig rai3 up",
-    "shell brctl addif br0 rai3 > /dev/null",
-    "shell iwpriv rai3 set ApMWDS=1",
-    "shell iwpriv rai3 set ms_blocknochild=1",
-    "shell iwpriv rai3 set HtBw=0",
-    "shell iwpriv rai3 set VhtBw=0",
-    "shell iwpriv rai3 set HtBssCoex=0",
-    "shell iwpriv rai3 set HtExtcha=0",
-    "shell iwpriv rai3 set AutoChannelSel=0",
-    "shell iwpriv rai3 set Channel=149",
-};
-// From switching the backhaul AP on to the last of the four children: the same for both.
-const Lines kEnableTail = {
-    "shell ifconfig rai3 up",
-    "shell brctl addif br0 rai3 > /dev/null",
-    "shell iwpriv rai3 set ApMWDS=1",
-    "ioctl 0x8BF5 rai3 flags=3 len=16",
-    "shell iwpriv rai3 set ms_checkchild=1",
-    "shell iwpriv rai3 set ms_vlanid=7",
-    "shell iwpriv rai3 set ms_fullsector=3",
-    "ioctl 0x8BE1 ra0 flags=34430 len=267", // ra1 lacks the flag, ra2 is off
-    "ioctl 0x8BE1 ra5 flags=34430 len=267", // beyond normalApNum, still visited
-    "ioctl 0x8913 apclii0 flags=0 len=0",
-    "shell iwpriv apclii0 set ms_checkparent=1",
-    "ioctl 0x8BE1 rai3 flags=34430 len=267", // backhaul beacon
-    "ioctl 0x8BE1 rai3 flags=34430 len=267", // probe responses, type 2 then 3
-    "ioctl 0x8BE1 rai3 flags=34430 len=267",
-    "ioctl 0x8BF5 rai3 flags=1 len=280",
-    "ioctl 0x8BF5 rai3 flags=1 len=280",
-    "ioctl 0x8BF5 rai3 flags=1 len=280",
-    "ioctl 0x8BF5 rai3 flags=1 len=280",
-};
-const Lines kDelChild = {"ioctl 0x8BF5 rai3 flags=2 len=280",
-                         "shell iwpriv rai3 set DisConnectSta=00:00:00:00:00:00"};
-const Lines kDisableHead = {
-    "proc-write /proc/mesh/config_count 1 0\\x00", "proc-write /proc/mesh/config_count 3 0\\x00",
-    "shell iwpriv rai3 set ms_checkchild=0",       "shell iwpriv apclii0 set ms_checkparent=0",
-    "ioctl 0x8913 apclii0 flags=0 len=0", // the parent handler turns the station off
-    "shell brctl delif br0 apclii0 > /dev/null",   "shell ifconfig apclii0 down",
-    "ioctl 0x8BE1 ra0 flags=34432 len=267", // only the first normalApNum slots
-};
-const Lines kDisableTail = {
-    "shell brctl delif br0 rai3 > /dev/null",
-    "shell ifconfig rai3 down",
-    "shell iwpriv rai3 set ms_blocknochild=0",
-};
-
-// The probe-request element rebuilt on the mesh station.
-const Lines kProbeReq = {"ioctl 0x8913 apclii0 flags=0 len=0",
-                         "ioctl 0x8BE1 apclii0 flags=34430 len=267"};
-
+// A transcript written as one text: steps separated by '|'; a step that names no other
+// operation is a shell line. Ioctl lines carry no payload here; the payloads that matter are
+// compared whole below.
+Lines steps(const std::string& text) {
+    Lines out;
+    for (size_t pos = 0, end = 0; end != std::string::npos; pos = end + 1) {
+        end = text.find('|', pos);
+        std::string step = text.substr(pos, end == std::string::npos ? end : end - pos);
+        const bool other = step.rfind("ioctl ", 0) == 0 || step.rfind("proc-write ", 0) == 0;
+        out.push_back(other ? step : "shell " + step);
+    }
+    return out;
+}
 Lines operator+(Lines a, const Lines& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
+
+const std::string kLabel = "5a13c7029e41b86d33f0278ad4690be5";
+const std::string kRadio = "iwpriv rai3 set HtBw=0|iwpriv rai3 set VhtBw=0|iwpriv rai3 set "
+                           "HtBssCoex=0|iwpriv rai3 set HtExtcha=0|iwpriv rai3 set "
+                           "AutoChannelSel=0|iwpriv rai3 set Channel=149";
+const std::string kBkhApOn = "ifconfig rai3 up|brctl addif br0 rai3 > /dev/null|iwpriv rai3 set "
+                             "ApMWDS=1";
+const Lines kBkhApCreated = steps(
+    "ifconfig rai3 up|" + kRadio +
+    "|iwpriv rai3 set ms_blocknochild=1|iwpriv rai3 set AuthMode=WPA2PSK|iwpriv rai3 set "
+    "EncrypType=AES|iwpriv rai3 set RekeyMethod=DISABLE|iwpriv rai3 set "
+    "WPAPSK=5e7af1813fe0bcb244bd96b3e38a737b|iwpriv rai3 set SSID=mesh_021122334455|iwpriv rai3 "
+    "set HideSSID=1|brctl addif br0 rai3");
+const Lines kBkhApReapplied = steps(kBkhApOn + "|iwpriv rai3 set ms_blocknochild=1|" + kRadio);
+// From switching the backhaul AP on to the last of the four children: the same for both.
+// ra1 lacks the flag, ra2 is off, ra5 lies beyond normalApNum and is still visited; then the
+// backhaul beacon and the probe responses (type 2, type 3).
+const Lines kEnableTail = steps(
+    kBkhApOn +
+    "|ioctl 0x8BF5 rai3 flags=3 len=16|iwpriv rai3 set ms_checkchild=1|iwpriv rai3 set "
+    "ms_vlanid=7|iwpriv rai3 set ms_fullsector=3|ioctl 0x8BE1 ra0 flags=34430 len=267|ioctl "
+    "0x8BE1 ra5 flags=34430 len=267|ioctl 0x8913 apclii0 flags=0 len=0|iwpriv apclii0 set "
+    "ms_checkparent=1|ioctl 0x8BE1 rai3 flags=34430 len=267|ioctl 0x8BE1 rai3 flags=34430 "
+    "len=267|ioctl 0x8BE1 rai3 flags=34430 len=267|ioctl 0x8BF5 rai3 flags=1 len=280|ioctl 0x8BF5 "
+    "rai3 flags=1 len=280|ioctl 0x8BF5 rai3 flags=1 len=280|ioctl 0x8BF5 rai3 flags=1 len=280");
+// Kernel lines of the network check, the parent handler's station off, the beacon of the
+// first normalApNum slots only, four children, the backhaul AP off.
+const std::string kDelChild = "|ioctl 0x8BF5 rai3 flags=2 len=280|iwpriv rai3 set "
+                              "DisConnectSta=00:00:00:00:00:00";
+const Lines kDisable =
+    steps("proc-write /proc/mesh/config_count 1 0\\x00|proc-write /proc/mesh/config_count 3 "
+          "0\\x00|iwpriv rai3 set ms_checkchild=0|iwpriv apclii0 set ms_checkparent=0|ioctl "
+          "0x8913 apclii0 flags=0 len=0|brctl delif br0 apclii0 > /dev/null|ifconfig apclii0 "
+          "down|ioctl 0x8BE1 ra0 flags=34432 len=267" +
+          kDelChild + kDelChild + kDelChild + kDelChild +
+          "|brctl delif br0 rai3 > /dev/null|ifconfig rai3 down|iwpriv rai3 set "
+          "ms_blocknochild=0");
+// The probe-request element rebuilt on the mesh station.
+const Lines kProbeReq =
+    steps("ioctl 0x8913 apclii0 flags=0 len=0|ioctl 0x8BE1 apclii0 flags=34430 len=267");
+
 // Hex written by hand, zero-filled to `len` bytes.
 std::string padded(const std::string& spaced, size_t len) {
     Bytes b = hexBytes(spaced);
@@ -256,11 +237,12 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
         g_allConfig.childList[3].digest[1] = 0x5c;
         ASSERT_EQ(0u, enableBlock(1));
         const auto req = fake().ioctls();
-        EXPECT_EQ(kStart + (existing ? kBkhApReapplied : kBkhApCreated) + kEnableTail, seam());
+        EXPECT_EQ(steps("ioctl 0x8B1B rai3 flags=0 len=32") +
+                      (existing ? kBkhApReapplied : kBkhApCreated) + kEnableTail,
+                  seam());
         EXPECT_EQ(1u, g_allConfig.meshEnable);
         // The label, the ordinary AP's beacon, the two probe responses and the last child as
         // the driver received them.
-        const std::string ie = "025ea7 00" + kLabel + "01 021122334455";
         ASSERT_EQ(12u, req.size());
         EXPECT_EQ(hexText(kLabel), payloadOf(req[1]));
         EXPECT_EQ(padded("01000000 1b000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455", 267),
@@ -278,8 +260,7 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
         }
 
         ASSERT_EQ(0u, enableBlock(0));
-        EXPECT_EQ(kDisableHead + kDelChild + kDelChild + kDelChild + kDelChild + kDisableTail,
-                  seam());
+        EXPECT_EQ(kDisable, seam());
         EXPECT_EQ(0u, g_allConfig.meshEnable);
         EXPECT_EQ(4u, g_allConfig.childNum); // the list stays as configured
         EXPECT_EQ(0u, mesh_child_slot(0)->inUse);
@@ -416,32 +397,6 @@ TEST_F(MeshLife, AVlanIdActsEvenWhileDisabledAndKicksEachAdmittedChildOnce) {
     EXPECT_EQ(0u, cmd(MESH_CMD_SET_VLAN_ID, "\x0a\xff\x01", 4)); // two bytes are read
     EXPECT_EQ("shell iwpriv rai3 set ms_vlanid=65290", seam().front());
     EXPECT_EQ((Lines{"set vlanid to 9", "set vlanid to 65290"}), events());
-}
-
-TEST_F(MeshLife, SetSpecialSwitchesOnlyTheExistingBackhaulOfAnEnabledMesh) {
-    const Lines off = {"shell brctl delif br0 rai3 > /dev/null", "shell ifconfig rai3 down"};
-    const Lines on = {"shell ifconfig rai3 up", "shell brctl addif br0 rai3 > /dev/null",
-                      "shell iwpriv rai3 set ApMWDS=1"};
-    const Lines check = {"ioctl 0x8B1B rai3 flags=0 len=32"};
-    const struct {
-        bool exists;
-        uint32_t enable, action;
-        Lines seen;
-    } cases[] = {
-        {true, 1, 1, check + off + on}, {true, 1, 2, check + off},
-        {true, 1, 3, check + on},       {true, 1, 4, check},
-        {false, 1, 3, check},           {true, 0, 3, check},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.exists << c.enable << c.action);
-        fake().onIoctl(0x8B1B, [&c](FakeOs::Ioctl& io) {
-            memcpy(io.data, c.exists ? "mesh_0" : "other", 6);
-            return 0;
-        });
-        g_allConfig.meshEnable = c.enable;
-        EXPECT_EQ(0u, cmd(MESH_CMD_SET_SPECIAL, &c.action, 4));
-        EXPECT_EQ(c.seen, seam());
-    }
 }
 
 } // namespace
