@@ -34,6 +34,7 @@ node: build
 
 bench: build
 	@for b in $(BUILD)/bench_*; do echo "== $$b"; $$b || exit 1; done
+	@echo "== bench/mesh16"; bench/mesh16 $(BUILD)
 
 asan: bootstrap
 	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DZORMESH_SANITIZE=address,undefined >/dev/null

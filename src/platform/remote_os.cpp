@@ -152,8 +152,17 @@ int RemoteOs::start(const char* root, uint32_t timeScale) {
     c.lost = false;
     c.number = nextConnNumber_++;
     RemoteHelloRsp rsp{};
-    if (!connect(c, "main", &rsp)) {
-        int saved = errno;
+    // A node whose main hello fails does not start: the caller reports why, and the line
+    // about later driver operations would be wrong.
+    lostReported_ = true;
+    bool connected = connect(c, "main", &rsp, nullptr);
+    int saved = errno;
+    lostReported_ = false;
+    if (!connected) {
+        int fd = c.fd.exchange(-1);
+        if (fd >= 0) {
+            close(fd);
+        }
         c.inUse = false;
         errno = saved;
         return -1;
@@ -177,7 +186,12 @@ int RemoteOs::start(const char* root, uint32_t timeScale) {
     return 0;
 }
 
-bool RemoteOs::connect(Conn& c, const char* role, RemoteHelloRsp* rsp) {
+bool RemoteOs::connect(Conn& c, const char* role, RemoteHelloRsp* rsp, const char** why) {
+    const char* unused = nullptr;
+    if (why == nullptr) {
+        why = &unused;
+    }
+    *why = "no emulator answers a new connection";
     c.lost = true; // until the hello is through
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
@@ -214,15 +228,25 @@ bool RemoteOs::connect(Conn& c, const char* role, RemoteHelloRsp* rsp) {
         return false;
     }
     RemoteHelloRsp got{};
-    if (reply.result != 0 || reply.length < sizeof got) {
-        markLost(c, "the emulator refused the hello");
+    if (reply.result != 0) {
+        // Turned away: the errno is the emulator's reason (EPROTONOSUPPORT for a version
+        // it does not speak).
+        c.lost = true;
+        *why = "the emulator refused the hello";
+        errno = reply.err != 0 ? reply.err : EPROTO;
+        return false;
+    }
+    if (reply.length < sizeof got) {
+        c.lost = true;
+        *why = "the emulator sent a malformed reply";
         errno = EPROTO;
         return false;
     }
     memcpy(&got, reply.body, sizeof got);
     if (got.version != REMOTE_PROTO_VERSION) {
-        markLost(c, "the emulator speaks another protocol version");
-        errno = EPROTO;
+        c.lost = true;
+        *why = "the emulator speaks another protocol version";
+        errno = EPROTONOSUPPORT;
         return false;
     }
     if (rsp != nullptr) {
@@ -243,8 +267,9 @@ RemoteOs::Conn* RemoteOs::threadConn() {
         bool expected = false;
         if (slot.inUse.compare_exchange_strong(expected, true)) {
             slot.number = nextConnNumber_++;
-            if (!connect(slot, "thread", nullptr)) {
-                markLost(slot, "no emulator answers a new connection");
+            const char* why = nullptr;
+            if (!connect(slot, "thread", nullptr, &why)) {
+                markLost(slot, why);
             }
             pthread_setspecific(key_, &slot);
             return &slot;
@@ -593,8 +618,9 @@ int RemoteOs::netlinkOpen(int protocol) {
         errno = err;
         return -1;
     };
-    if (!connect(*c, "netlink", nullptr)) {
-        markLost(*c, "no emulator answers the netlink connection");
+    const char* why = nullptr;
+    if (!connect(*c, "netlink", nullptr, &why)) {
+        markLost(*c, why);
         return release(EPROTONOSUPPORT); // no driver, no protocol
     }
     RemoteU32Req req{static_cast<uint32_t>(protocol)};

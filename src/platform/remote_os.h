@@ -112,8 +112,10 @@ class RemoteOs : public Os {
     // The calling thread's connection, opened on first use; never null once started.
     Conn* threadConn();
     static void releaseThreadConn(void* conn);
-    // Opens a connection in `c` and exchanges the hello. false when no emulator answers.
-    bool connect(Conn& c, const char* role, RemoteHelloRsp* rsp);
+    // Opens a connection in `c` and exchanges the hello. false when no emulator answers or
+    // the emulator turns the hello away: errno is then the reason (the emulator's own errno
+    // for a refusal) and *why, when given, the words for the error log.
+    bool connect(Conn& c, const char* role, RemoteHelloRsp* rsp, const char** why);
     // Sends op + `bodyLen` bytes already placed after the header in c.buf, waits for the
     // reply. false when the emulator is gone (the connection is then marked lost).
     bool exchange(Conn* c, uint32_t op, size_t bodyLen, Reply* reply);

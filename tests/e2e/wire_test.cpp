@@ -242,7 +242,12 @@ TEST(WireNode, TheNodeSendsThePagesRequestsAndTakesItsReplies) {
     auto refused = std::make_unique<RemoteOs>(); // large: its message buffers
     EXPECT_RESULT(-1, EINVAL, refused->start("relative/root", 20));
     EXPECT_RESULT(-1, EINVAL, refused->start(root.path().c_str(), 0));
-    for (auto refusal : {std::make_pair("ffffffff 0d000000 00000000", EPROTO),
+    EXPECT_EQ(0x5EEF9DEBu, remote_semKeyForRoot("/tmp/node1")); // the page's worked key
+
+    // A refusal fails with the emulator's errno; a reply without the hello body is EPROTO.
+    for (auto refusal : {std::make_pair("ffffffff 0d000000 00000000", EACCES),
+                         std::make_pair("ffffffff 5d000000 00000000", EPROTONOSUPPORT),
+                         std::make_pair("00000000 00000000 00000000", EPROTO),
                          std::make_pair("0000", ECONNREFUSED)}) {
         raw.answer({hexBytes(refusal.first)});
         refused = std::make_unique<RemoteOs>();
