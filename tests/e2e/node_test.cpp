@@ -1,12 +1,19 @@
 // zormesh-node as a real process, started by hand the way the README shows: the zormesh-emu
 // program beside it, commands sent with zormeshctl, its error log, event log and the
-// emulator's transcript read from files under a temporary root.
+// emulator's transcript read from files under a temporary root. Also its start-up failures
+// and the daemons' --help and --version, which must not start a daemon.
 #include "e2e_util.h"
 
 namespace {
 
 using e2e::readFile;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+
+// The error lines of the connection that found the listener and said nothing.
+const std::string kProbeLines = "(\\[MESH\\]\\[ERROR\\]\\(mesh_receive_cmd\\) [0-9]{5}: "
+                                "unix_sock_recvHeader failed!\r\n)*";
 
 class Node : public ::testing::Test {
   protected:
@@ -16,43 +23,57 @@ class Node : public ::testing::Test {
         return std::make_unique<e2e::Child>(args, root_ + "/" + name + ".out",
                                             root_ + "/" + name + ".err");
     }
+    std::unique_ptr<e2e::Child> startEmulator() {
+        auto emu = start("zormesh-emu", {"--root", root_.path()}, "emu");
+        EXPECT_TRUE(e2e::waitForListener(root_ + "/emu.sock", SOCK_SEQPACKET, emu.get()));
+        return emu;
+    }
+    std::unique_ptr<e2e::Child> startNode() {
+        return start("zormesh-node", {"--root", root_.path(), "--time-scale", "20"}, "node");
+    }
     std::string socketPath() const { return root_ + "/var/run/usock/21.sock"; }
-    // Sends one command: zormeshctl's exit status, the reply line in *reply.
-    int command(int type, std::string* reply = nullptr) {
-        int rc = start("zormeshctl", {"--socket", socketPath(), "raw", std::to_string(type)}, "ctl")
-                     ->waitExit();
-        if (reply != nullptr) {
-            *reply = readFile(root_ + "/ctl.out");
-        }
-        return rc;
+    // Sends one command: zormeshctl's exit status; the reply line is left in ctl.out.
+    int command(int type) {
+        return start("zormeshctl", {"--socket", socketPath(), "raw", std::to_string(type)}, "ctl")
+            ->waitExit();
     }
 
     e2e::TempRoot root_;
 };
 
-TEST_F(Node, RunsAsTheDaemonBesideTheEmulatorProgramAndOutlivesIt) {
-    auto emu = start("zormesh-emu", {"--root", root_.path()}, "emu");
-    ASSERT_TRUE(e2e::waitForListener(root_ + "/emu.sock", SOCK_SEQPACKET, emu.get()));
-    auto node = start("zormesh-node", {"--root", root_.path(), "--time-scale", "20"}, "node");
+TEST_F(Node, StartsQuietlyServesAndOutlivesTheEmulator) {
+    ASSERT_EQ(0, mkdir((root_ + "/tmp").c_str(), 0755));
+    std::ofstream(root_ + "/tmp/zormesh.log") << "a line of an earlier run\r\n";
+    auto emu = startEmulator();
+    auto node = startNode();
     ASSERT_TRUE(e2e::waitForListener(socketPath(), SOCK_STREAM, node.get()));
 
-    std::string reply;
-    ASSERT_EQ(0, command(23, &reply));
+    // Before it serves, the node has made only the driver adapter's calls: the profile lock
+    // created and set free. No shell line, no ioctl, no kernel file: the mesh waits for its
+    // configuration.
+    EXPECT_THAT(readFile(root_ + "/emu.out"),
+                MatchesRegex("c1 hello main pid=" + std::to_string(node->pid()) +
+                             " scale=20\n"
+                             "c1 sem get key=0x[0-9A-F]+ nsems=1 flags=0x3B6\n"
+                             "c1 sem setval id=[0-9]+ num=0 value=1\n"));
+    EXPECT_EQ("", readFile(root_ + "/tmp/zormesh.log")) << "the earlier log is truncated";
+    EXPECT_THAT(readFile(root_ + "/node.out"), MatchesRegex(kProbeLines)) << "no other error";
+    EXPECT_EQ("", readFile(root_ + "/node.err"));
+    // The fixed paths live under the root; the emulator installed the profile there.
+    struct stat st {};
+    ASSERT_EQ(0, stat(socketPath().c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+    EXPECT_THAT(readFile(root_ + "/tmp/wireless/mt5g.dat"), HasSubstr("AuthMode=OPEN;OPEN;OPEN"));
+
+    ASSERT_EQ(0, command(23));
+    const std::string reply = readFile(root_ + "/ctl.out");
     ASSERT_EQ(2 * 1456u + 1, reply.size()); // the whole message, as hex, and a line end
     EXPECT_EQ("17000000", reply.substr(0, 8));
     ASSERT_EQ(0, command(99));
     // The error log is the daemon's standard output.
     EXPECT_THAT(readFile(root_ + "/node.out"),
-                testing::ContainsRegex("\\[MESH\\]\\[ERROR\\]\\(mesh_cmd_handle\\) [0-9]{5}: "
-                                       "unsupported command type\r\n"));
-    // The fixed paths live under the root; the emulator installed the profile there.
-    struct stat st {};
-    EXPECT_EQ(0, stat((root_ + "/tmp/zormesh.log").c_str(), &st));
-    ASSERT_EQ(0, stat(socketPath().c_str(), &st));
-    EXPECT_EQ(0600u, st.st_mode & 0777);
-    EXPECT_THAT(readFile(root_ + "/tmp/wireless/mt5g.dat"), HasSubstr("AuthMode=OPEN;OPEN;OPEN"));
-    EXPECT_THAT(readFile(root_ + "/emu.out"),
-                HasSubstr("c1 hello main pid=" + std::to_string(node->pid()) + " scale=20\n"));
+                ContainsRegex("\\[MESH\\]\\[ERROR\\]\\(mesh_cmd_handle\\) [0-9]{5}: "
+                              "unsupported command type\r\n"));
 
     // The emulator goes away (a mistyped command before leaves it alone); the daemon goes on
     // serving commands.
@@ -92,6 +113,67 @@ TEST_F(Node, RefusesToStartWithoutAnEmulatorOrAUsableRoot) {
     struct stat st {};
     EXPECT_EQ(0, stat((root_ + "/tmp/wireless").c_str(), &st));
     EXPECT_EQ(0, stat((root_ + "/var/run").c_str(), &st));
+}
+
+TEST_F(Node, SaysWhichFileItCannotOpenAndWhy) {
+    const struct {
+        const char* blocker; // made a directory or a file so that the open fails
+        bool asDirectory;
+        int exit; // -1: keeps running
+        std::string errorLog;
+        std::string stderrText;
+    } cases[] = {
+        {"/tmp/zormesh.log", true, -1,
+         "\\[MESH\\]\\[ERROR\\]\\(mesh_log_open\\) [0-9]{5}: open log file failed\r\n",
+         "zormesh-node: cannot open the event log " + root_.path() +
+             "/tmp/zormesh.log: Is a directory\n"},
+        {"/var/run/usock", false, 255,
+         "\\[MESH\\]\\[ERROR\\]\\(main\\) [0-9]{5}: init sock server failed\r\n",
+         "zormesh-node: cannot open the command socket " + root_.path() +
+             "/var/run/usock/21.sock: Not a directory\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.blocker);
+        const std::string r = "'" + root_.path() + "'";
+        ASSERT_EQ(0, system(("rm -rf " + r + "/tmp " + r + "/var && mkdir -p " + r + "/tmp " + r +
+                             "/var/run")
+                                .c_str()));
+        if (c.asDirectory) {
+            ASSERT_EQ(0, mkdir((root_ + c.blocker).c_str(), 0755));
+        } else {
+            std::ofstream(root_ + c.blocker) << "in the way";
+        }
+        auto emu = startEmulator();
+        auto node = startNode();
+        if (c.exit == -1) {
+            EXPECT_TRUE(e2e::waitForListener(socketPath(), SOCK_STREAM, node.get()));
+        } else {
+            EXPECT_EQ(c.exit, node->waitExit()) << "main returns -1";
+        }
+        EXPECT_THAT(readFile(root_ + "/node.out"), MatchesRegex(c.errorLog + kProbeLines));
+        EXPECT_EQ(c.stderrText, readFile(root_ + "/node.err"));
+        // The driver adapter was set up before the command server, whatever failed.
+        EXPECT_THAT(readFile(root_ + "/emu.out"), HasSubstr(" sem setval "));
+    }
+}
+
+TEST_F(Node, HelpAndVersionPrintAndExitWithoutStartingADaemon) {
+    const struct {
+        const char* program;
+        std::vector<std::string> args;
+        std::string out;
+    } cases[] = {
+        // Other arguments are ignored, as on the device.
+        {"zormeshd", {"ignored", "--help"}, "usage: zormeshd \\[--help \\| --version\\]\n"},
+        {"zormeshd", {"--version"}, "^zormeshd [0-9]+\\.[0-9]+\\.[0-9]+\n$"},
+        {"zormesh-node", {"--version"}, "^zormesh-node [0-9]+\\.[0-9]+\\.[0-9]+\n$"},
+    };
+    for (const auto& c : cases) {
+        // Had it started a daemon, the run would not end.
+        EXPECT_EQ(0, start(c.program, c.args, "run")->waitExit()) << c.args.back();
+        EXPECT_THAT(readFile(root_ + "/run.out"), ContainsRegex(c.out));
+        EXPECT_EQ("", readFile(root_ + "/run.err"));
+    }
 }
 
 } // namespace

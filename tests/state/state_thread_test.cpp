@@ -208,13 +208,10 @@ TEST_F(StateThread, EachRuleFromItsState) {
         EXPECT_EQ(1, std::count(ev.begin(), ev.end(),
                                 "mesh state:" + from + "->" + getMeshStateStr(r.target) +
                                     ",caused by " + r.cause));
-        mesh_state_resetModule(); // the next row starts from a fresh process
-        stop();
-        mesh_netChk_resetModule();
+        TearDown(); // the next row starts from a fresh process
         associated = 0;
-        answering = false;
-        orb("0");
-        fake.setProc(kLoop, "0");
+        seen = 0;
+        SetUp();
     }
 }
 
