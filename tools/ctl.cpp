@@ -126,9 +126,10 @@ void recordFromFile(const records::Record& rec, const std::string& path, void* o
 
 // ---- the exchange -----------------------------------------------------------------------------
 
-bool sendAll(int fd, const uint8_t* buf, size_t len) {
+// Moves all `len` bytes through `io` (send or recv), going on after an interrupted call.
+template <typename Io, typename Buf> bool transferAll(Io io, Buf* buf, size_t len) {
     while (len > 0) {
-        ssize_t n = send(fd, buf, len, MSG_NOSIGNAL);
+        ssize_t n = io(buf, len);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -141,19 +142,13 @@ bool sendAll(int fd, const uint8_t* buf, size_t len) {
     return true;
 }
 
+bool sendAll(int fd, const uint8_t* buf, size_t len) {
+    return transferAll([fd](const uint8_t* b, size_t l) { return send(fd, b, l, MSG_NOSIGNAL); },
+                       buf, len);
+}
+
 bool recvAll(int fd, uint8_t* buf, size_t len) {
-    while (len > 0) {
-        ssize_t n = recv(fd, buf, len, 0);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        buf += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
+    return transferAll([fd](uint8_t* b, size_t l) { return recv(fd, b, l, 0); }, buf, len);
 }
 
 // Sends `msg` and receives the reply into it; returns an exit status.

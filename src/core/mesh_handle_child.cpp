@@ -1,4 +1,5 @@
 #include "core/mesh_handle_child.h"
+#include "core/mesh_handle_init.h"
 
 #include "core/mesh_log.h"
 #include "platform/byteorder.h"
@@ -100,10 +101,7 @@ uint32_t ensureBkhAp() {
     }
     const uint8_t* m = g_allConfig.deviceMac;
     MESH_WLAN_CREDENTIALS cred;
-    memset(&cred, 0, sizeof cred);
-    snprintf(cred.ssid, sizeof cred.ssid, "mesh_%02x%02x%02x%02x%02x%02x", m[0], m[1], m[2], m[3],
-             m[4], m[5]);
-    const uint32_t rc = mesh_common_calcPassphrase(m, g_meshRandom, cred.passphrase);
+    const uint32_t rc = mesh_handle_bkhApCredentials(m, &cred);
     if (rc != 0) {
         return rc;
     }
