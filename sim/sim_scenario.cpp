@@ -127,11 +127,11 @@ std::pair<std::string, std::string> pair(const Scenario& s, const json& j,
     return {a, b};
 }
 
-NodeSpec parseNode(const json& j, const std::string& path, size_t index) {
+NodeDef parseNode(const json& j, const std::string& path, size_t index) {
     onlyKeys(j, path,
              {"name", "mac", "uplink", "enable", "managed", "channel", "wlanMode", "bandwidth",
               "dfs", "resetFlag", "country", "admit", "ip", "config"});
-    NodeSpec n;
+    NodeDef n;
     if (!j.contains("name")) {
         throw BadScenario(path, "a node needs a name");
     }
@@ -220,11 +220,11 @@ void parseAdmit(Scenario& s, const json& nodes, const std::string& path) {
     }
 }
 
-EventSpec parseEvent(const Scenario& s, const json& j, const std::string& path) {
+EventDef parseEvent(const Scenario& s, const json& j, const std::string& path) {
     onlyKeys(
         j, path,
         {"at", "uplink", "node", "link", "signal", "loop", "between", "kill", "restart", "rescan"});
-    EventSpec e;
+    EventDef e;
     e.path = path;
     if (!j.contains("at")) {
         throw BadScenario(path, "an event needs \"at\" (simulated seconds)");
@@ -290,9 +290,9 @@ EventSpec parseEvent(const Scenario& s, const json& j, const std::string& path) 
     return e;
 }
 
-ExpectSpec parseExpect(const Scenario& s, const json& j, const std::string& path) {
+ExpectDef parseExpect(const Scenario& s, const json& j, const std::string& path) {
     onlyKeys(j, path, {"node", "state", "parent", "within", "after", "at", "never"});
-    ExpectSpec x;
+    ExpectDef x;
     x.path = path;
     if (j.contains("node")) {
         x.node = nodeRef(s, j["node"], at(path, "node"));
@@ -410,7 +410,7 @@ Scenario parseScenario(const std::string& body) {
     std::set<std::string> names;
     std::set<Mac> macs;
     for (size_t i = 0; i < j["nodes"].size(); ++i) {
-        NodeSpec n = parseNode(j["nodes"][i], at("$.nodes", i), i);
+        NodeDef n = parseNode(j["nodes"][i], at("$.nodes", i), i);
         if (!names.insert(n.name).second) {
             throw BadScenario(at(at("$.nodes", i), "name"), "a second node named " + n.name);
         }
@@ -431,7 +431,7 @@ Scenario parseScenario(const std::string& body) {
                 throw BadScenario(p, "a link needs \"between\" (two nodes)");
             }
             auto ab = pair(s, j["links"][i]["between"], at(p, "between"));
-            LinkSpec l{ab.first, ab.second, -50};
+            LinkDef l{ab.first, ab.second, -50};
             if (j["links"][i].contains("signal")) {
                 l.signal =
                     static_cast<int>(number(j["links"][i]["signal"], at(p, "signal"), -120, 0));

@@ -25,7 +25,7 @@ class BadScenario : public std::runtime_error {
 
 using Mac = std::array<uint8_t, 6>;
 
-struct NodeSpec {
+struct NodeDef {
     std::string name;
     Mac mac{};
     bool uplink = false;            // wired uplink up at start
@@ -46,14 +46,14 @@ struct NodeSpec {
     std::string configJson;
 };
 
-struct LinkSpec {
+struct LinkDef {
     std::string a, b;
     int signal = -50;
 };
 
 enum class EventKind { Uplink, Link, Loop, Kill, Restart, Rescan };
 
-struct EventSpec {
+struct EventDef {
     double at = 0;
     EventKind kind = EventKind::Uplink;
     std::string node, other; // other: the far end of a link or a loop cable
@@ -68,7 +68,7 @@ enum class ExpectKind {
     Never, // no node (or `node`) is in `state` from `after` to the end
 };
 
-struct ExpectSpec {
+struct ExpectDef {
     ExpectKind kind = ExpectKind::Reach;
     std::string node;                  // empty for "any node" in Never
     std::optional<int> state;          // MESH_STATE value
@@ -87,10 +87,10 @@ struct Scenario {
     double duration = 0; // simulated seconds; 0: until every expectation is decided
     uint32_t gateway = 0;
     uint32_t netmask = 0;
-    std::vector<NodeSpec> nodes;
-    std::vector<LinkSpec> links;
-    std::vector<EventSpec> events;
-    std::vector<ExpectSpec> expects;
+    std::vector<NodeDef> nodes;
+    std::vector<LinkDef> links;
+    std::vector<EventDef> events;
+    std::vector<ExpectDef> expects;
 
     int indexOf(const std::string& node) const;
 };

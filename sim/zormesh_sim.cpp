@@ -216,7 +216,7 @@ struct Iface {
 class World;
 
 struct Node {
-    sim::NodeSpec spec;
+    sim::NodeDef def;
     int index = 0;
     std::string root;
     std::string bkh, sta; // interface names of the device configuration
@@ -270,7 +270,7 @@ struct Node {
     std::atomic<bool> listenStop{false};
 
     Mac staMac() const {
-        Mac m = spec.mac;
+        Mac m = def.mac;
         m[0] |= 0x02;
         m[5] = static_cast<uint8_t>(m[5] ^ 0x80);
         return m;
@@ -305,7 +305,7 @@ class World {
 
     Node* find(const std::string& name) {
         for (auto& n : nodes) {
-            if (n->spec.name == name) {
+            if (n->def.name == name) {
                 return n.get();
             }
         }
@@ -313,7 +313,7 @@ class World {
     }
     Node* findByMac(const Mac& m) {
         for (auto& n : nodes) {
-            if (n->spec.mac == m) {
+            if (n->def.mac == m) {
                 return n.get();
             }
         }
@@ -348,10 +348,10 @@ class World {
         sim::Topology t;
         for (auto& n : nodes) {
             if (n->uplink) {
-                t.uplink.insert(n->spec.name);
+                t.uplink.insert(n->def.name);
             }
             if (!n->parent.empty()) {
-                t.parentOf[n->spec.name] = n->parent;
+                t.parentOf[n->def.name] = n->parent;
             }
         }
         t.wires = wires;
@@ -359,7 +359,7 @@ class World {
     }
 
     void error(Node& n, const std::string& what) { // caller holds mu or not: only the timeline
-        g_timeline.add(n.spec.name, "error: " + what);
+        g_timeline.add(n.def.name, "error: " + what);
         std::lock_guard<std::mutex> g(errMu_);
         n.modelErrors.push_back({{"t", Timeline::round1(g_clock.now())}, {"model", what}});
     }
@@ -391,12 +391,12 @@ class World {
             } else {
                 sim::BackhaulView ap{p->ifs[p->bkh].settings["SSID"],
                                      p->ifs[p->bkh].settings["WPAPSK"], p->ifs[p->bkh].up,
-                                     air.heard(c->spec.name, p->spec.name)};
+                                     air.heard(c->def.name, p->def.name)};
                 sim::Association a = sim::associate({c->staSsid, c->staPass}, ap);
                 why = a.ok ? "" : a.why;
             }
             if (!why.empty()) {
-                g_timeline.add(c->spec.name, "lost its association with " + c->parent + ": " + why);
+                g_timeline.add(c->def.name, "lost its association with " + c->parent + ": " + why);
                 c->parent.clear();
                 noteParent(*c);
             }
@@ -423,20 +423,19 @@ class World {
             sim::BackhaulView ap{target->ifs[target->bkh].settings["SSID"],
                                  target->ifs[target->bkh].settings["WPAPSK"],
                                  target->ifs[target->bkh].up,
-                                 air.heard(c.spec.name, target->spec.name)};
+                                 air.heard(c.def.name, target->def.name)};
             a = sim::associate({c.staSsid, c.staPass}, ap);
         }
         if (a.ok) {
-            c.parent = target->spec.name;
+            c.parent = target->def.name;
             c.lastAssocWhy.clear();
             noteParent(c);
-            g_timeline.add(c.spec.name,
-                           "associated with " + target->spec.name + " (" +
-                               std::to_string(*air.heard(c.spec.name, target->spec.name)) +
-                               " dBm)");
+            g_timeline.add(c.def.name,
+                           "associated with " + target->def.name + " (" +
+                               std::to_string(*air.heard(c.def.name, target->def.name)) + " dBm)");
         } else if (a.why != c.lastAssocWhy) {
             c.lastAssocWhy = a.why;
-            g_timeline.add(c.spec.name, "association failed: " + a.why);
+            g_timeline.add(c.def.name, "association failed: " + a.why);
         }
     }
 
@@ -462,18 +461,18 @@ class World {
     void survey(Node& c) {
         auto it = c.elements.find(c.sta + "/2/2");
         if (it == c.elements.end() || it->second.size() < sizeof(MESH_IE_PROBE_REQ)) {
-            g_timeline.add(c.spec.name, "site survey without a mesh probe-request element");
+            g_timeline.add(c.def.name, "site survey without a mesh probe-request element");
             return;
         }
         MESH_IE_PROBE_REQ req;
         memcpy(&req, it->second.data(), sizeof req);
         g_timeline.add(
-            c.spec.name,
+            c.def.name,
             std::string("site survey, probing as a would-be child") +
                 ((req.flags & MESH_PROBE_FLAG_SEARCHING) != 0 ? " looking for a parent" : ""));
         for (auto& pp : nodes) {
             Node& p = *pp;
-            auto signal = air.heard(c.spec.name, p.spec.name);
+            auto signal = air.heard(c.def.name, p.def.name);
             if (&p == &c || !p.alive || !signal || !p.backhaulUp()) {
                 continue;
             }
@@ -481,7 +480,7 @@ class World {
             memcpy(probe.deviceMac, req.deviceMac, 6);
             Mac staMac = c.staMac();
             memcpy(probe.staMac, staMac.data(), 6);
-            probe.drv12 = static_cast<uint8_t>(p.spec.channel);
+            probe.drv12 = static_cast<uint8_t>(p.def.channel);
             probe.drv13 = static_cast<int8_t>(*signal);
             probe.flags = req.flags;
             probe.probeAttr = req.probeAttr;
@@ -493,29 +492,29 @@ class World {
             memcpy(probe.verCap, req.verCap, 4);
             Bytes ev = netlinkEvent(1, &probe, sizeof probe);
             emu::Server* server = p.server.get();
-            std::string pn = p.spec.name, cn = c.spec.name;
+            std::string pn = p.def.name, cn = c.def.name;
             int sig = *signal;
             later(0, [server, ev, pn, cn, sig] {
                 int to = server->pushNetlink(ev);
                 g_timeline.add(pn, "hears " + cn + "'s probe request (" + std::to_string(sig) +
                                        " dBm)" + (to == 0 ? ", but no daemon listens" : ""));
             });
-            bool allowed = p.spec.admitAll;
-            for (const auto& a : p.spec.admit) {
-                allowed = allowed || a == c.spec.name;
+            bool allowed = p.def.admitAll;
+            for (const auto& a : p.def.admit) {
+                allowed = allowed || a == c.def.name;
             }
             if (!allowed) {
-                if (p.refused.insert(c.spec.name).second) {
-                    g_timeline.add(p.spec.name, "management refuses " + c.spec.name + " (policy)");
+                if (p.refused.insert(c.def.name).second) {
+                    g_timeline.add(p.def.name, "management refuses " + c.def.name + " (policy)");
                 }
                 continue;
             }
-            if (p.admitted.insert(c.spec.name).second) {
+            if (p.admitted.insert(c.def.name).second) {
                 Bytes payload(22);
                 memcpy(payload.data(), req.deviceMac, 6);
                 memcpy(payload.data() + 6, req.digest, 16);
                 Node* target = &p;
-                std::string child = c.spec.name;
+                std::string child = c.def.name;
                 later(0.5, [this, target, payload, child] {
                     command(*target, MESH_CMD_ADD_CHILD, payload, "admit " + child);
                 });
@@ -539,33 +538,32 @@ class World {
                 if (p.get() == &c || !p->alive) {
                     continue;
                 }
-                auto rec = p->children.find(c.spec.mac);
-                views.push_back({p->spec.name, air.heard(c.spec.name, p->spec.name),
-                                 p->backhaulUp(),
+                auto rec = p->children.find(c.def.mac);
+                views.push_back({p->def.name, air.heard(c.def.name, p->def.name), p->backhaulUp(),
                                  rec != p->children.end() && rec->second.data1Len != 0});
             }
             auto choice = sim::chooseParent(views, rng());
             if (!choice) {
-                g_timeline.add(c.spec.name, "no parent in range holds pairing blocks for it");
+                g_timeline.add(c.def.name, "no parent in range holds pairing blocks for it");
                 return;
             }
             Node* p = find(*choice);
-            const MESH_CHILD_RECORD& rec = p->children[c.spec.mac];
+            const MESH_CHILD_RECORD& rec = p->children[c.def.mac];
             MESH_PARENT_INFO info{};
-            memcpy(info.parentMac, p->spec.mac.data(), 6);
-            info.channel = static_cast<uint8_t>(p->spec.channel);
-            info.wlanMode = p->spec.wlanMode;
+            memcpy(info.parentMac, p->def.mac.data(), 6);
+            info.channel = static_cast<uint8_t>(p->def.channel);
+            info.wlanMode = p->def.wlanMode;
             memcpy(info.data1, rec.data1, sizeof info.data1);
             info.data2Len = rec.data2Len;
             memcpy(info.data2, rec.data2, sizeof info.data2);
             ev = netlinkEvent(2, &info, sizeof info);
             chosen = *choice;
-            signal = *air.heard(c.spec.name, chosen);
+            signal = *air.heard(c.def.name, chosen);
         }
         int to = c.server->pushNetlink(ev);
-        g_timeline.add(c.spec.name, "parent information from " + chosen + " (" +
-                                        std::to_string(signal) + " dBm)" +
-                                        (to == 0 ? ", but no daemon listens" : ""));
+        g_timeline.add(c.def.name, "parent information from " + chosen + " (" +
+                                       std::to_string(signal) + " dBm)" +
+                                       (to == 0 ? ", but no daemon listens" : ""));
     }
 
     // ---- management side
@@ -582,11 +580,11 @@ class World {
         manage(n, [np, type, payload, what] {
             std::string err = sendCommand(*np, type, payload);
             if (err.empty()) {
-                g_timeline.add(np->spec.name,
+                g_timeline.add(np->def.name,
                                "management: " + what + " (type " + std::to_string(type) + ")");
             } else {
-                g_timeline.add(np->spec.name, "management: " + what + " (type " +
-                                                  std::to_string(type) + ") failed: " + err);
+                g_timeline.add(np->def.name, "management: " + what + " (type " +
+                                                 std::to_string(type) + ") failed: " + err);
             }
         });
     }
@@ -639,7 +637,7 @@ class World {
 
     MESH_ALL_CONFIG configOf(const Node& n) const {
         MESH_ALL_CONFIG c{};
-        const sim::NodeSpec& s = n.spec;
+        const sim::NodeDef& s = n.def;
         c.meshEnable = s.enable ? 1 : 0;
         c.gatewayIp = sc.gateway;
         c.deviceIp = s.ip;
@@ -689,7 +687,7 @@ class NodeHandler : public emu::Handler {
         emu::HelloAnswer a;
         a.flags = REMOTE_HELLO_RANDOM;
         if (peer.role == "main") {
-            g_timeline.add(n_.spec.name, "daemon connected (pid " + std::to_string(peer.pid) + ")");
+            g_timeline.add(n_.def.name, "daemon connected (pid " + std::to_string(peer.pid) + ")");
         }
         return a;
     }
@@ -709,7 +707,7 @@ class NodeHandler : public emu::Handler {
             Iface& i = n_.ifs[w[1]];
             bool up = w[2] == "up";
             if (i.up != up && w[1] == n_.bkh) {
-                g_timeline.add(n_.spec.name, std::string("backhaul AP ") + (up ? "up" : "down"));
+                g_timeline.add(n_.def.name, std::string("backhaul AP ") + (up ? "up" : "down"));
             }
             i.up = up;
             g_world.refresh();
@@ -747,7 +745,7 @@ class NodeHandler : public emu::Handler {
                 n_.lastAssocWhy.clear();
                 g_world.refresh();
                 if (n_.staEnabled) {
-                    g_timeline.add(n_.spec.name, "station joins " + n_.staSsid);
+                    g_timeline.add(n_.def.name, "station joins " + n_.staSsid);
                     g_world.tryAssociate(n_);
                 }
             }
@@ -760,8 +758,8 @@ class NodeHandler : public emu::Handler {
                 return;
             }
             for (auto& c : g_world.nodes) {
-                if (c->parent == n_.spec.name && c->staMac() == m) {
-                    g_timeline.add(n_.spec.name, "disconnects " + c->spec.name);
+                if (c->parent == n_.def.name && c->staMac() == m) {
+                    g_timeline.add(n_.def.name, "disconnects " + c->def.name);
                     c->parent.clear();
                     g_world.noteParent(*c);
                 }
@@ -833,7 +831,7 @@ class NodeHandler : public emu::Handler {
         bool fresh = n_.elements.count(key) == 0;
         n_.elements[key] = payload;
         if (fresh && key == n_.bkh + "/1/2") {
-            g_timeline.add(n_.spec.name, "beacons carry the mesh element");
+            g_timeline.add(n_.def.name, "beacons carry the mesh element");
         }
         return emu::Result{};
     }
@@ -851,16 +849,16 @@ class NodeHandler : public emu::Handler {
             memcpy(&rec, call.payload.data(), sizeof rec);
             Mac m = macOf(rec.mac);
             Node* child = g_world.findByMac(m);
-            std::string who = child != nullptr ? child->spec.name : sim::macText(m);
+            std::string who = child != nullptr ? child->def.name : sim::macText(m);
             if (call.flags == MESH_SUBCMD_DEL_CHILD) {
                 n_.children.erase(m);
-                g_timeline.add(n_.spec.name, "driver forgets child " + who);
+                g_timeline.add(n_.def.name, "driver forgets child " + who);
                 return emu::Result{};
             }
             n_.children[m] = rec;
-            g_timeline.add(n_.spec.name, "driver admits child " + who +
-                                             (rec.data1Len != 0 ? ", pairing blocks pushed"
-                                                                : ", no pairing blocks yet"));
+            g_timeline.add(n_.def.name, "driver admits child " + who +
+                                            (rec.data1Len != 0 ? ", pairing blocks pushed"
+                                                               : ", no pairing blocks yet"));
             return emu::Result{};
         }
         case MESH_SUBCMD_SET_LABEL:
@@ -882,7 +880,7 @@ class NodeHandler : public emu::Handler {
         std::fill(call.payload.begin(), call.payload.end(), 0);
         uint32_t count = 0;
         for (auto& c : g_world.nodes) {
-            if (c->parent != n_.spec.name) {
+            if (c->parent != n_.def.name) {
                 continue;
             }
             size_t off = MESH_STA_TABLE_HDR + count * MESH_STA_ENTRY_LEN;
@@ -892,7 +890,7 @@ class NodeHandler : public emu::Handler {
             Mac m = c->staMac();
             memcpy(call.payload.data() + off, m.data(), 6);
             call.payload[off + 7] =
-                static_cast<uint8_t>(g_world.air.heard(n_.spec.name, c->spec.name).value_or(-95));
+                static_cast<uint8_t>(g_world.air.heard(n_.def.name, c->def.name).value_or(-95));
             ++count;
         }
         if (call.payload.size() >= 4) {
@@ -907,7 +905,7 @@ class NodeHandler : public emu::Handler {
         std::fill(call.payload.begin(), call.payload.end(), 0);
         uint32_t count = 0;
         for (auto& p : g_world.nodes) {
-            auto signal = g_world.air.heard(n_.spec.name, p->spec.name);
+            auto signal = g_world.air.heard(n_.def.name, p->def.name);
             if (p.get() == &n_ || !p->alive || !signal || !p->ifs[p->bkh].up) {
                 continue;
             }
@@ -916,11 +914,11 @@ class NodeHandler : public emu::Handler {
                 break;
             }
             uint8_t* e = call.payload.data() + off;
-            uint32_t value = p->spec.channel;
+            uint32_t value = p->def.channel;
             int32_t rssi = *signal;
             memcpy(e + MESH_SCAN_ENTRY_VALUE_OFF, &value, 4);
             memcpy(e + MESH_SCAN_ENTRY_RSSI_OFF, &rssi, 4);
-            memcpy(e + MESH_SCAN_ENTRY_BSSID_OFF, p->spec.mac.data(), 6);
+            memcpy(e + MESH_SCAN_ENTRY_BSSID_OFF, p->def.mac.data(), 6);
             e[MESH_SCAN_ENTRY_MESH_OFF] = p->beaconOn() ? 1 : 0;
             ++count;
         }
@@ -938,12 +936,12 @@ class NodeHandler : public emu::Handler {
         std::string text;
         if (path == "/proc/mesh/config_count") {
             sim::Topology t = g_world.topology();
-            n_.counter = sim::nextCount(n_.counter, n_.targetOn, sim::hasPath(t, n_.spec.name));
+            n_.counter = sim::nextCount(n_.counter, n_.targetOn, sim::hasPath(t, n_.def.name));
             text = std::to_string(n_.counter) + "\n";
         } else if (path == "/proc/mesh/loop_status") {
-            bool loop = sim::loopSeen(g_world.topology(), n_.spec.name, n_.loopOn);
+            bool loop = sim::loopSeen(g_world.topology(), n_.def.name, n_.loopOn);
             if (loop != n_.loopReported) {
-                g_timeline.add(n_.spec.name, loop ? "kernel: loop detected" : "kernel: loop gone");
+                g_timeline.add(n_.def.name, loop ? "kernel: loop detected" : "kernel: loop gone");
                 n_.loopReported = loop;
             }
             text = loop ? "1\n" : "0\n";
@@ -979,7 +977,7 @@ class NodeHandler : public emu::Handler {
         } else if (w.size() == 2 && w[0] == "3" && (w[1] == "0" || w[1] == "1")) {
             bool on = w[1] == "1";
             if (on != n_.loopOn) {
-                g_timeline.add(n_.spec.name,
+                g_timeline.add(n_.def.name,
                                std::string("kernel: loop detection ") + (on ? "on" : "off"));
             }
             n_.loopOn = on;
@@ -1030,8 +1028,7 @@ class NodeHandler : public emu::Handler {
         }
         uint32_t target = (uint32_t(frame[38]) << 24) | (uint32_t(frame[39]) << 16) |
                           (uint32_t(frame[40]) << 8) | frame[41];
-        bool answer =
-            target == g_world.sc.gateway && sim::hasPath(g_world.topology(), n_.spec.name);
+        bool answer = target == g_world.sc.gateway && sim::hasPath(g_world.topology(), n_.def.name);
         if (answer) {
             Bytes r(42, 0);
             memcpy(r.data(), frame.data() + 6, 6); // to the asker
@@ -1049,7 +1046,7 @@ class NodeHandler : public emu::Handler {
         }
         if (n_.lastArp != (answer ? 1 : 0)) {
             n_.lastArp = answer ? 1 : 0;
-            g_timeline.add(n_.spec.name, answer ? "gateway answers ARP" : "gateway unreachable");
+            g_timeline.add(n_.def.name, answer ? "gateway answers ARP" : "gateway unreachable");
         }
         return emu::Result{static_cast<int32_t>(frame.size()), 0};
     }
@@ -1166,13 +1163,13 @@ void serveNotification(Node& n, int which, int fd) {
                            strnlen(reinterpret_cast<const char*>(body.data()),
                                    std::min<size_t>(body.size(), 257)));
             note(n, {{"what", "controller address"}, {"address", ip}});
-            g_timeline.add(n.spec.name, "management learns the controller address " + ip);
+            g_timeline.add(n.def.name, "management learns the controller address " + ip);
         } else if (h[1] == 0x0028000F) {
             std::string id(reinterpret_cast<const char*>(body.data()),
                            strnlen(reinterpret_cast<const char*>(body.data()),
                                    std::min<size_t>(body.size(), 33)));
             note(n, {{"what", "controller identity"}, {"identity", id}});
-            g_timeline.add(n.spec.name, "management learns the controller identity \"" + id + "\"");
+            g_timeline.add(n.def.name, "management learns the controller identity \"" + id + "\"");
         } else if (h[1] == 0x001D0015) {
             note(n, {{"what", "state to schedule"},
                      {"state", sim::stateName(static_cast<int>(word(0)))}});
@@ -1196,12 +1193,12 @@ void serveNotification(Node& n, int which, int fd) {
             parent = n.parent;
         }
         note(n, {{"what", "mesh state"}, {"state", sim::stateName(state)}});
-        g_timeline.add(n.spec.name, std::string("state ") + sim::stateName(state) +
-                                        (state == 2 && !parent.empty() ? " under " + parent : ""));
+        g_timeline.add(n.def.name, std::string("state ") + sim::stateName(state) +
+                                       (state == 2 && !parent.empty() ? " under " + parent : ""));
     } else if (which == 1 && h[1] == 17 && (word(0) == 1 || word(0) == 8)) {
         bool isolated = word(0) == 1;
         note(n, {{"what", isolated ? "isolated" : "scan done"}});
-        g_timeline.add(n.spec.name, isolated ? "notifies: isolated" : "notifies: scan done");
+        g_timeline.add(n.def.name, isolated ? "notifies: isolated" : "notifies: scan done");
     } else {
         g_world.error(n, "unknown notification to service " + std::string(which == 0 ? "7" : "22") +
                              ", code " + std::to_string(h[1]));
@@ -1300,12 +1297,12 @@ bool startDaemon(Node& n, std::string* error) {
         n.pid = pid;
         n.alive = true;
     }
-    g_timeline.add(n.spec.name, "daemon started under " + n.root);
+    g_timeline.add(n.def.name, "daemon started under " + n.root);
     MESH_ALL_CONFIG cfg = g_world.configOf(n);
-    if (!n.spec.configJson.empty()) {
+    if (!n.def.configJson.empty()) {
         // The scenario's own fields over the built record (checked when the scenario was read).
         records::Json doc = records::toJson(records::config(), &cfg);
-        doc.merge_patch(records::Json::parse(n.spec.configJson));
+        doc.merge_patch(records::Json::parse(n.def.configJson));
         std::string err;
         if (!records::fromJson(records::config(), doc, &cfg, sizeof cfg, &err)) {
             g_world.error(n, "configuration record: " + err);
@@ -1315,7 +1312,7 @@ bool startDaemon(Node& n, std::string* error) {
     memcpy(payload.data(), &cfg, sizeof cfg);
     g_world.command(n, MESH_CMD_INIT_MESH, payload,
                     std::string("configuration sent, mesh ") +
-                        (n.spec.enable ? "enabled" : "disabled"));
+                        (n.def.enable ? "enabled" : "disabled"));
     return true;
 }
 
@@ -1412,9 +1409,9 @@ void tail(Node& n) {
             n.errors.push_back({{"t", Timeline::round1(g_clock.now())}, {"daemon", line}});
         }
         if (n.errorsShown < 3) {
-            g_timeline.add(n.spec.name, "daemon: " + line);
+            g_timeline.add(n.def.name, "daemon: " + line);
         } else if (n.errorsShown == 3) {
-            g_timeline.add(n.spec.name, "daemon: ... (more error lines in the report)");
+            g_timeline.add(n.def.name, "daemon: ... (more error lines in the report)");
         }
         ++n.errorsShown;
     }
@@ -1428,7 +1425,7 @@ void tail(Node& n) {
         for (const char* k : {"mesh state:", "net state:", "connecting timeout", "Add Child",
                               "Del Child", "controller"}) {
             if (text.find(k) != std::string::npos) {
-                g_timeline.add(n.spec.name, "log: " + text);
+                g_timeline.add(n.def.name, "log: " + text);
                 break;
             }
         }
@@ -1445,15 +1442,15 @@ struct Verdict {
 };
 
 std::string describe(Node& n) { // caller holds the lock
-    return n.spec.name + " " + sim::stateName(n.state) +
+    return n.def.name + " " + sim::stateName(n.state) +
            (n.parent.empty() ? ", no parent" : ", parent " + n.parent);
 }
 
-bool matches(Node& n, const sim::ExpectSpec& x) {
+bool matches(Node& n, const sim::ExpectDef& x) {
     return (!x.state || n.state == *x.state) && (!x.parent || n.parent == *x.parent);
 }
 
-void judge(const sim::ExpectSpec& x, Verdict& v, double t, bool end) {
+void judge(const sim::ExpectDef& x, Verdict& v, double t, bool end) {
     if (v.decided) {
         return;
     }
@@ -1516,7 +1513,7 @@ std::string selfDir() {
     return p.substr(0, p.rfind('/'));
 }
 
-void applyEvent(const sim::EventSpec& e) {
+void applyEvent(const sim::EventDef& e) {
     Node* n = g_world.find(e.node);
     switch (e.kind) {
     case sim::EventKind::Uplink: {
@@ -1548,7 +1545,7 @@ void applyEvent(const sim::EventSpec& e) {
         for (auto& m : g_world.nodes) {
             m->portCable = false;
             for (const auto& w : g_world.wires) {
-                m->portCable = m->portCable || w.first == m->spec.name || w.second == m->spec.name;
+                m->portCable = m->portCable || w.first == m->def.name || w.second == m->def.name;
             }
         }
         g_timeline.add(e.node, "event: cable to " + e.other + (e.on ? " plugged" : " pulled"));
@@ -1578,7 +1575,7 @@ void applyEvent(const sim::EventSpec& e) {
 
 json nodeReport(Node& n) {
     std::lock_guard<std::mutex> g(g_world.mu);
-    return {{"mac", sim::macText(n.spec.mac)},
+    return {{"mac", sim::macText(n.def.mac)},
             {"root", n.root},
             {"states", n.states},
             {"state", sim::stateName(n.state)},
@@ -1667,20 +1664,20 @@ int main(int argc, char** argv) {
     // Models and listeners first, so that each daemon finds its surroundings at start.
     for (size_t i = 0; i < sc.nodes.size(); ++i) {
         auto n = std::make_unique<Node>();
-        n->spec = sc.nodes[i];
+        n->def = sc.nodes[i];
         n->index = static_cast<int>(i);
-        n->root = workdir + "/" + n->spec.name;
+        n->root = workdir + "/" + n->def.name;
         DeviceConfig dev = defaultDeviceConfig();
         n->bkh = dev.bkhApIfName;
         n->sta = dev.staIfName;
-        n->uplink = n->spec.uplink;
+        n->uplink = n->def.uplink;
         n->rng.seed(sc.seed * 1000003u + i);
         mkdirs(n->root + "/tmp/wireless");
         mkdirs(n->root + "/var/run/usock");
         unlink((n->root + "/tmp/zormesh.log").c_str());
         unlink((n->root + "/daemon.out").c_str());
-        writeFile(n->root + "/tmp/wireless/mt5g.dat", defaultProfile(n->spec.channel));
-        writeFile(n->root + "/tmp/ORB_STATE", n->spec.managed ? "4\n" : "2\n");
+        writeFile(n->root + "/tmp/wireless/mt5g.dat", defaultProfile(n->def.channel));
+        writeFile(n->root + "/tmp/ORB_STATE", n->def.managed ? "4\n" : "2\n");
         n->listenFds[0] = listenOn(n->root + "/var/run/usock/7.sock");
         n->listenFds[1] = listenOn(n->root + "/var/run/usock/22.sock");
         n->listenFds[2] = listenOn(n->root + "/var/run/wrp.sock");
@@ -1719,7 +1716,7 @@ int main(int argc, char** argv) {
         }
     }
     for (const auto& e : sc.events) {
-        const sim::EventSpec* ep = &e;
+        const sim::EventDef* ep = &e;
         g_world.at(e.at, [ep] { applyEvent(*ep); });
     }
 
@@ -1751,7 +1748,7 @@ int main(int argc, char** argv) {
                     resetDriver(*n);
                     g_world.refresh();
                     g_timeline.add(
-                        n->spec.name,
+                        n->def.name,
                         "daemon exited by itself, status " +
                             std::to_string(WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st)));
                 }
@@ -1845,7 +1842,7 @@ int main(int argc, char** argv) {
     }
     rep["nodes"] = json::object();
     for (auto& n : g_world.nodes) {
-        rep["nodes"][n->spec.name] = nodeReport(*n);
+        rep["nodes"][n->def.name] = nodeReport(*n);
     }
     rusage self{}, children{};
     getrusage(RUSAGE_SELF, &self);
