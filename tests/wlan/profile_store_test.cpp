@@ -81,7 +81,8 @@ TEST_F(ProfileStore, PlainKeyIsAppliedLiveThenInTheProfile) {
     EXPECT_EQ(0, _mtk_wlan_set("HT_BW", "HtBw", "rai3", &u, MTK_DATA_UINT32, MTK_APPLY_BOTH));
     EXPECT_EQ(0, _mtk_wlan_set("Channel", "Channel", "rai3", &i, MTK_DATA_INT32, MTK_APPLY_BOTH));
     EXPECT_EQ(0, _mtk_wlan_set("BssidNum", nullptr, "rai3", &h, MTK_DATA_UINT16, MTK_APPLY_DAT));
-    EXPECT_EQ(0, _mtk_wlan_set(nullptr, "SSID", "rai3", "a b", MTK_DATA_STRING, MTK_APPLY_IWPRIV));
+    EXPECT_EQ(0,
+              _mtk_wlan_set(nullptr, "SSID", "rai3", "a\\ b", MTK_DATA_STRING, MTK_APPLY_IWPRIV));
     EXPECT_EQ(0, _mtk_wlan_set("SSID3", "SSID", "rai3", "Lab", MTK_DATA_STRING, MTK_APPLY_DAT));
     // A line cut at 511 characters fails in the shell; the setter does not notice.
     EXPECT_EQ(0, _mtk_wlan_set("SSID3", nullptr, "rai3", std::string(600, 'q').c_str(),
@@ -90,7 +91,7 @@ TEST_F(ProfileStore, PlainKeyIsAppliedLiveThenInTheProfile) {
     EXPECT_EQ(
         (Lines{"iwpriv rai3 set HtBw=4000000000", "sed -i 's/^HT_BW=.*$/HT_BW=4000000000/' " + p,
                "iwpriv rai3 set Channel=-7", "sed -i 's/^Channel=.*$/Channel=-7/' " + p,
-               "sed -i 's/^BssidNum=.*$/BssidNum=65535/' " + p, "iwpriv rai3 set SSID=a b",
+               "sed -i 's/^BssidNum=.*$/BssidNum=65535/' " + p, "iwpriv rai3 set SSID=a\\ b",
                "sed -i 's/^SSID3=.*$/SSID3=Lab/' " + p,
                ("sed -i 's/^SSID3=.*$/SSID3=" + std::string(600, 'q')).substr(0, 511)}),
         fake().shellLines());
