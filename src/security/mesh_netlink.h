@@ -60,10 +60,26 @@ static_assert(offsetof(MESH_CHILD_PROBE, verCap) == 196, "verCap at 196");
 constexpr uint8_t MESH_CHILD_PROBE_SEARCHING = 0x01;
 constexpr uint8_t MESH_CHILD_PROBE_RESET = 0x02;
 
+// The monitor's channel and its receive buffer. The buffer is cleared once when the channel is
+// opened and not between messages, so a short message leaves the bytes of an earlier, longer
+// one behind it, and a callback sees them.
+struct MESH_NETLINK_MONITOR {
+    int fd;
+    uint8_t buf[MESH_NETLINK_BUF_LEN];
+};
+
+// Opens the channel on the driver's protocol, binds it to the process id and announces the
+// daemon to the kernel with a bare 16-byte header carrying that id; clears the buffer. 0, or 1
+// after the error line of the failed step (the descriptor is then closed).
+uint32_t mesh_netlink_monitorOpen(MESH_NETLINK_MONITOR* mon);
+// Receives one message (at most 304 bytes) and hands its record to the callback of its type.
+// A receive error prints "receive data error"; an unknown type "invalid mesh event type".
+void mesh_netlink_monitorStep(MESH_NETLINK_MONITOR* mon);
+
 // Starts the monitor thread (default attributes, neither joined nor detached). 0, or 1 after
 // "fail to crate netlink event monitor thread".
 uint32_t mesh_startNetlinkEventMonitor(void);
-// The thread body: opens, binds and announces the channel, then receives for ever. Returns
+// The thread body: mesh_netlink_monitorOpen, then mesh_netlink_monitorStep for ever. Returns
 // only after a set-up failure.
 void* mesh_netlink_monitorEvent(void* arg);
 // 0 on success; 1 for a null callback, a type other than 1..3, or a type already registered.
