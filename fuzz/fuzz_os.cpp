@@ -203,12 +203,20 @@ const char* const kFuzzProfile = "#The word of \"Default\" must not be removed\n
                                  "WPAPSK4=\n";
 
 FuzzOs::FuzzOs() : config_(defaultDeviceConfig()) {
-    char tmpl[] = "/tmp/zormesh-fuzz-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) {
+    // In memory when the machine has a tmpfs: the targets rewrite files on every input.
+    for (const char* base : {"/dev/shm", "/tmp"}) {
+        std::string t = std::string(base) + "/zormesh-fuzz-XXXXXX";
+        std::vector<char> buf(t.begin(), t.end());
+        buf.push_back('\0');
+        if (mkdtemp(buf.data()) != nullptr) {
+            root_ = buf.data();
+            break;
+        }
+    }
+    if (root_.empty()) {
         perror("mkdtemp");
         abort();
     }
-    root_ = tmpl;
     for (const char* dir : {"/tmp", "/tmp/wireless", "/var", "/var/run"}) {
         mkdir((root_ + dir).c_str(), 0700);
     }
@@ -335,7 +343,14 @@ int FuzzOs::packetWait(int, int timeoutMs) {
         millis_ += static_cast<uint64_t>(timeoutMs > 0 ? timeoutMs : 0);
         return 0;
     }
-    return fails() ? -1 : (in_.byte() & 1);
+    if (fails()) {
+        return -1;
+    }
+    if ((in_.byte() & 1) != 0) {
+        return 1;
+    }
+    millis_ += static_cast<uint64_t>(timeoutMs > 0 ? timeoutMs : 0); // the wait ran out
+    return 0;
 }
 
 int FuzzOs::packetRecv(int, void* buf, size_t max) {
