@@ -1,3 +1,5 @@
+#include "core/mesh_handle_child.h"
+#include "core/mesh_handle_scan.h"
 #include "core/mesh_log.h"
 #include "core/mesh_msg.h"
 #include "state/mesh_state.h"
@@ -30,6 +32,20 @@ uint32_t mesh_cmd_handle(MESH_CMD_MSG* msg) {
     switch (type) {
     // Each served type returns its handler's result here. A type whose handler does not
     // exist in this build falls through to the unsupported answer below.
+    case MESH_CMD_ADD_CHILD:
+        return mesh_handle_addChild(payload);
+    case MESH_CMD_DEL_CHILD:
+        return mesh_handle_delChild(payload);
+    case MESH_CMD_GET_ONLINE_CHILD:
+        return mesh_handle_getOnlineChild(payload);
+    case MESH_CMD_GET_CANDIDATE_CHILD:
+        return mesh_handle_getCandidateChild(payload);
+    case MESH_CMD_SCAN_CANDIDATE_AP:
+        return mesh_handle_scanCandidateAp(payload);
+    case MESH_CMD_GET_SCAN_STATE:
+        return mesh_handle_getScanState(payload);
+    case MESH_CMD_GET_SCAN_RESULT:
+        return mesh_handle_getScanResult(payload);
     case MESH_CMD_GET_STA_STATUS: {
         // The status word at payload offset 0 keeps its value when the driver refuses.
         int32_t status;

@@ -91,7 +91,8 @@ uint32_t mesh_payload_buildPairBlockId(const uint8_t* secret, const MESH_ORBP_CF
     }
     memset(out, 0, sizeof *out);
     memcpy(out->secret, secret, sizeof out->secret);
-    copyText(out->vintacId, sizeof out->vintacId, id->vintacId, sizeof id->vintacId);
+    // The identity travels as its 33 bytes stand, bytes after a terminator included.
+    memcpy(out->vintacId, id->vintacId, sizeof out->vintacId);
     put_be32(out->verCap, id->verCap);
     return 0;
 }

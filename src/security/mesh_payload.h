@@ -22,7 +22,7 @@ constexpr size_t MESH_PROBE_TEXT_LEN = 32;          // at most 31 characters and
 constexpr size_t MESH_PAIR_DATA_LEN = 128;          // one encrypted pairing block
 constexpr size_t MESH_PAIR_BLOCK_LEN = 117;         // a pairing block before encryption
 constexpr size_t MESH_PAIR_ADDR_TEXT_LEN = 80;      // at most 79 characters and a NUL
-constexpr size_t MESH_PAIR_ID_LEN = 33;             // vintacId: at most 32 characters and a NUL
+constexpr size_t MESH_PAIR_ID_LEN = 33;             // vintacId: the identity field, copied whole
 
 #pragma pack(push, 1)
 
@@ -119,8 +119,8 @@ static_assert(offsetof(MESH_PAIR_BLOCK_ADDR, reserved) == 104, "reserved at 104"
 // The parent's secret and the controller identity, before encryption.
 struct MESH_PAIR_BLOCK_ID {
     uint8_t secret[16];
-    char vintacId[MESH_PAIR_ID_LEN];
-    uint8_t verCap[4]; // big-endian
+    char vintacId[MESH_PAIR_ID_LEN]; // the 33 bytes of the configuration's field
+    uint8_t verCap[4];               // big-endian
     uint8_t reserved[64];
 };
 static_assert(sizeof(MESH_PAIR_BLOCK_ID) == MESH_PAIR_BLOCK_LEN, "MESH_PAIR_BLOCK_ID is 117");
@@ -157,7 +157,8 @@ uint32_t mesh_payload_buildChildRecord(const uint8_t* mac, const uint8_t* digest
                                        MESH_CHILD_RECORD* out);
 
 // The two pairing blocks from the 16-byte secret and the controller address or identity.
-// Texts are cut to their field (79 and 32 characters) and always terminated.
+// The address text is cut to 79 characters and always terminated; the identity is copied as
+// its 33 bytes stand.
 uint32_t mesh_payload_buildPairBlockAddr(const uint8_t* secret, const MESH_CONTROLLER_IP_PORT* addr,
                                          MESH_PAIR_BLOCK_ADDR* out);
 uint32_t mesh_payload_buildPairBlockId(const uint8_t* secret, const MESH_ORBP_CFG* id,

@@ -130,10 +130,14 @@ TEST_F(PayloadTest, PairingBlocks) {
     EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 56542d3031" + zeros(33 - 5) + "00000102" +
                       zeros(64)),
               hexOf(idBlk));
-    // An identity that fills all 33 bytes is cut to 32 characters and terminated.
+    // The identity field goes over whole: 33 characters without a terminator, and bytes
+    // after a terminator, arrive as they stand.
     memset(id.vintacId, 'Q', sizeof id.vintacId);
     ASSERT_EQ(0u, mesh_payload_buildPairBlockId(secret.data(), &id, &idBlk));
-    EXPECT_EQ(std::string(32, 'Q') + '\0', std::string(idBlk.vintacId, 33));
+    EXPECT_EQ(std::string(33, 'Q'), std::string(idBlk.vintacId, 33));
+    id.vintacId[3] = '\0';
+    ASSERT_EQ(0u, mesh_payload_buildPairBlockId(secret.data(), &id, &idBlk));
+    EXPECT_EQ(std::string("QQQ") + '\0' + std::string(29, 'Q'), std::string(idBlk.vintacId, 33));
     EXPECT_EQ("00000102", toHex(idBlk.verCap, 4));
 }
 

@@ -1,0 +1,149 @@
+// The candidate-parent scan commands: one detached scan at a time, its state, its result (a
+// reader waits for a running scan), and the scan-done notice at the event service.
+#include "../security/service_socket.h"
+#include "../wlan/wlan_fixture.h"
+
+#include "core/mesh_config.h"
+#include "core/mesh_handle_scan.h"
+#include "platform/byteorder.h"
+
+#include <atomic>
+#include <future>
+
+namespace {
+
+class ScanHandlers : public WlanTest {
+  protected:
+    void SetUp() override {
+        WlanTest::SetUp();
+        mesh_config_reset();
+        g_allConfig.meshEnable = 1;
+        // One candidate parent in the survey: bssid 02:11:22:33:44:01, value 7, -50 dBm, mesh 1.
+        fake().onIoctl(RTPRIV_IOCTL_SCAN_TABLE, [](FakeOs::Ioctl& r) {
+            memset(r.data, 0, 4 + 72);
+            put_le32(r.data, 1);
+            put_le32(r.data + 4 + 40, 7);
+            put_le32(r.data + 4 + 44, static_cast<uint32_t>(-50));
+            memcpy(r.data + 4 + 64, "\x02\x11\x22\x33\x44\x01\x01", 7);
+            r.length = 4 + 72;
+            return 0;
+        });
+    }
+    void TearDown() override {
+        waitIdle();
+        mesh_config_reset();
+        WlanTest::TearDown();
+    }
+    // Holds every scan at its first driver step until open() is called.
+    void gateScans() {
+        fake().onShell("iwpriv apclii0 set SiteSurvey=1", [this](const std::string&) {
+            std::unique_lock<std::mutex> g(mu);
+            entered = true;
+            cv.notify_all();
+            cv.wait(g, [this] { return opened; });
+            return 0;
+        });
+    }
+    void waitEntered() {
+        std::unique_lock<std::mutex> g(mu);
+        cv.wait(g, [this] { return entered; });
+    }
+    void open() {
+        std::lock_guard<std::mutex> g(mu);
+        opened = true;
+        cv.notify_all();
+    }
+    uint32_t start(uint32_t notify) {
+        uint8_t req[8] = {};
+        memcpy(req + 4, &notify, 4);
+        return mesh_handle_scanCandidateAp(req);
+    }
+    uint32_t state() {
+        uint8_t reply[4] = {0xee, 0xee, 0xee, 0xee};
+        EXPECT_EQ(0u, mesh_handle_getScanState(reply));
+        uint32_t v;
+        memcpy(&v, reply, 4);
+        return v;
+    }
+    std::string result() {
+        uint8_t reply[MESH_CMD_PAYLOAD_LEN] = {};
+        EXPECT_EQ(0u, mesh_handle_getScanResult(reply));
+        return toHex(reply, 1 + reply[0] * 10u);
+    }
+    // Waits (a bounded while) until no scan runs.
+    void waitIdle() {
+        for (int i = 0; i < 5000; ++i) {
+            pthread_mutex_lock(&g_scanMutex);
+            const uint32_t running = g_scanRunning;
+            pthread_mutex_unlock(&g_scanMutex);
+            if (running == 0) {
+                return;
+            }
+            usleep(1000);
+        }
+        ADD_FAILURE() << "scan still running";
+    }
+    size_t surveys() {
+        size_t n = 0;
+        for (const auto& l : fake().shellLines()) {
+            n += l == "iwpriv apclii0 set SiteSurvey=1";
+        }
+        return n;
+    }
+
+    std::mutex mu;
+    std::condition_variable cv;
+    bool entered = false;
+    bool opened = false;
+};
+
+TEST_F(ScanHandlers, SecondRequestStartsNothingAndAReaderWaitsForTheRunningScan) {
+    gateScans();
+    ASSERT_EQ(0u, start(0));
+    waitEntered();
+    EXPECT_EQ(0u, start(0)) << "accepted, but no second scan";
+    EXPECT_EQ(1u, state());
+    std::atomic<bool> done{false};
+    auto reader = std::async(std::launch::async, [&] {
+        std::string r = result();
+        done = true;
+        return r;
+    });
+    EXPECT_FALSE(done) << "type 11 returned while the scan still held its result";
+    open();
+    EXPECT_EQ(hexText("01 021122334401 07 2d ce 01"), reader.get());
+    waitIdle();
+    EXPECT_EQ(0u, state());
+    EXPECT_EQ(1u, surveys());
+    EXPECT_EQ(hexText("01 021122334401 07 2d ce 01"), result()) << "kept after the scan";
+}
+
+TEST_F(ScanHandlers, NoticeOnlyWhenAskedAndAlsoAfterAFailedScan) {
+    ServiceSocket events(fake().rooted("/var/run/usock/22.sock"));
+    const std::string scanDone = hexText("5553434b 11000000 50030000 15000000 08000000 01000000") +
+                                 std::string(2 * (864 - 24), '0');
+    ASSERT_EQ(0u, start(0));
+    waitIdle();
+    // A scan that finds the driver busy every time fails with an empty result.
+    fake().onIoctl(RTPRIV_IOCTL_SCAN_TABLE, [](FakeOs::Ioctl&) { return EAGAIN; });
+    ASSERT_EQ(0u, start(7));
+    waitIdle();
+    EXPECT_EQ(Lines{scanDone}, events.take(1)) << "one notice: the second scan's";
+    EXPECT_EQ("00", result());
+    const Lines errs = errors();
+    ASSERT_FALSE(errs.empty());
+    EXPECT_EQ("scan candidate parent ap fail", errs.back());
+}
+
+TEST_F(ScanHandlers, DisabledMeshAnswersNothing) {
+    g_allConfig.meshEnable = 0;
+    uint8_t reply[8];
+    memset(reply, 0xee, sizeof reply);
+    EXPECT_EQ(1u, mesh_handle_scanCandidateAp(reply));
+    EXPECT_EQ(1u, mesh_handle_getScanState(reply));
+    EXPECT_EQ(1u, mesh_handle_getScanResult(reply));
+    EXPECT_EQ(std::string(16, 'e'), toHex(reply, 8));
+    EXPECT_EQ(0u, surveys());
+}
+
+} // namespace
