@@ -1,9 +1,11 @@
 // Element payloads and pairing blocks: the pairing blocks built from a secret and texts of
 // the input, encrypted under a public key of the input and decrypted with a key pair of the
-// input; a parent record of the input through decryption and credential derivation, with
-// the station configured from what comes out; element updates with payloads of the input.
+// input; a child heard with a key of the input; a parent record of the input through decryption and
+// credential derivation, with the station configured from what comes out; element updates with
+// payloads of the input.
 #include "core/mesh_config.h"
 #include "fuzz_os.h"
+#include "security/mesh_child.h"
 #include "security/mesh_parent.h"
 #include "security/mesh_payload.h"
 #include "security/mesh_rsa.h"
@@ -22,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput& in = fuzzOs().input();
     in.reset(data, size);
     const uint8_t op = in.byte();
-    switch (op % 4) {
+    switch (op % 5) {
     case 0: { // blocks built, encrypted under a key of the input, decrypted again
         uint8_t secret[16];
         in.take(secret, sizeof secret);
@@ -59,10 +61,36 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         MESH_ORBP_CFG id;
         memset(&addr, 0, sizeof addr);
         memset(&id, 0, sizeof id);
+        pthread_mutex_lock(&g_configMutex);
         calcSSIDPassphraseFromParent(&info, ssid, passphrase, &changed, &addr, &id);
+        pthread_mutex_unlock(&g_configMutex);
         mesh_parentHandler_setParentInfo(&info);
         mesh_parentHandler_connect();
         mesh_parentHandler_setParentInfo(nullptr);
+        break;
+    }
+    case 3: { // a child admitted, then heard with a key of the input: blocks made for it
+        pthread_mutex_lock(&g_configMutex);
+        mesh_child_resetForTest();
+        MESH_CHILD_RECORD record;
+        in.take(&record, sizeof record);
+        MESH_CANDIDATE_CHILD cand;
+        in.take(&cand, sizeof cand);
+        if ((op & 0x80) != 0) { // the prober is the admitted child
+            memcpy(cand.info.deviceMac, &record, sizeof cand.info.deviceMac);
+        }
+        uint8_t sta[6];
+        in.take(sta, sizeof sta);
+        mesh_addChildRsaEntry(&record);
+        mesh_updateChildRsaData(&cand, sta);
+        MESH_CONTROLLER_IP_PORT addr;
+        in.take(&addr, sizeof addr);
+        mesh_updateChildRsaControllerIpPort(&addr);
+        MESH_ORBP_CFG id;
+        in.take(&id, sizeof id);
+        mesh_updateChildRsaOrbpCfg(&id);
+        mesh_child_resetForTest();
+        pthread_mutex_unlock(&g_configMutex);
         break;
     }
     default: { // element updates carry payloads as they are
