@@ -51,7 +51,7 @@ int unix_sock_groupWait(UNIX_SOCK_GROUP* group, int timeoutSec);
 // reply header is sent together with the body. Returns the descriptor, or -1 with errno.
 int unix_sock_accept(int listenFd);
 // Closes a connection (one from unix_sock_accept sends a reply header still held back
-// first). 0, or -1.
+// first, and must be closed here, not with close()). 0, or -1.
 int unix_sock_close(int conn);
 int unix_sock_isSet(int fd, UNIX_SOCK_GROUP* group);
 

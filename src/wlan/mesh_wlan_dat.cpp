@@ -70,8 +70,14 @@ bool appendSedQuoted(char* dst, size_t cap, size_t& o, const char* src) {
     return true;
 }
 
-// Runs one rewrite of the profile under the lock. 0, or 1 when the lock was not obtained.
+// Runs one rewrite of the profile under the lock. 0, or 1 when the lock was not obtained or
+// the line is longer than the shell-line formatter takes: a line cut short could end in the
+// middle of a quoted value or of the profile's path, so it is refused instead.
 int runLocked(const char* cmd) {
+    if (strlen(cmd) >= MESH_SYSTEMF_BUF) {
+        MESH_ERR("command line too long, refused");
+        return 1;
+    }
     if (_datSemLock() != 0) {
         MESH_ERR("can't get dat sem lock");
         return 1;
@@ -312,6 +318,11 @@ void _doIwprivCommand(const char* iwprivKey, const char* ifName, const void* val
         // The value stands outside quotes: only text escaped for the shell is let through.
         if (!_isEscapedShellText(static_cast<const char*>(value))) {
             MESH_ERR("unsafe text for %s refused", iwprivKey);
+            return;
+        }
+        if (strlen(ifName) + strlen(iwprivKey) + strlen(static_cast<const char*>(value)) + 13 >=
+            MESH_SYSTEMF_BUF) {
+            MESH_ERR("command line too long, refused");
             return;
         }
         mesh_common_systemf("iwpriv %s set %s=%s", ifName, iwprivKey,

@@ -80,11 +80,15 @@ int _getDatKeyValue(const char* key, char* value, const char* path);
 int _mtk_wlan_ifIndex(const char* ifName);
 
 // Runs "iwpriv <ifName> set <iwprivKey>=<value>"; nothing when the key is null. A text value
-// stands unquoted and must pass _isEscapedShellText, else it is refused with an error line.
+// stands unquoted and must pass _isEscapedShellText, else it is refused with an error line;
+// so is a text that would make the line longer than 511 characters.
 void _doIwprivCommand(const char* iwprivKey, const char* ifName, const void* value,
                       MTK_DATA_TYPE type);
 // Rewrites the plain key `datKey` of the profile under the lock. A text value is escaped for
 // the single-quoted sed script; one with a line feed is refused. 0 or 1.
+//
+// Every rewrite whose line would be longer than the 511 characters of the shell-line
+// formatter is refused ("command line too long, refused", 1) rather than cut short.
 int _mtk_dat_setValue(const char* datKey, const char* ifName, const void* value,
                       MTK_DATA_TYPE type);
 
