@@ -4,12 +4,14 @@ JOBS ?= $(shell nproc)
 MAKEFLAGS += --no-print-directory
 CTEST_ARGS ?= --output-on-failure -j$(JOBS)
 
-.PHONY: all build configure test bootstrap demo node bench asan tsan format cppcheck clean \
+.PHONY: all build configure test bootstrap demo node bench asan tsan format cppcheck clean cross size \
 	fuzz fuzz-build fuzz-smoke
 
 all: build
 
-configure:
+# Every target that builds first installs what is missing (scripts/bootstrap is quick and
+# quiet when everything is there), so any first command works on a fresh machine.
+configure: bootstrap
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 
 build: configure
@@ -19,7 +21,7 @@ bootstrap:
 	@scripts/bootstrap
 
 # Everything a newcomer needs, then the build, then every test.
-test: bootstrap build
+test: build
 	@cd $(BUILD) && ctest $(CTEST_ARGS)
 	@if [ -n "$(FUZZ_CXX)" ]; then $(MAKE) fuzz-smoke; else echo "fuzz-smoke skipped: no clang"; fi
 
@@ -42,7 +44,7 @@ FUZZ_SECONDS ?= 60
 FUZZ_CXX ?= $(shell command -v clang++-14 || command -v clang++)
 FUZZ_CC ?= $(shell command -v clang-14 || command -v clang)
 
-fuzz-build:
+fuzz-build: bootstrap
 	@cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZORMESH_FUZZ=ON \
 	  -DCMAKE_C_COMPILER=$(FUZZ_CC) -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) >/dev/null
 	@cmake --build $(FUZZ_BUILD) -j$(JOBS)
@@ -53,22 +55,39 @@ fuzz: fuzz-build
 fuzz-smoke: fuzz-build
 	@scripts/fuzz smoke $(FUZZ_BUILD)
 
-asan:
+asan: bootstrap
 	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DZORMESH_SANITIZE=address,undefined >/dev/null
 	@cmake --build build-asan -j$(JOBS)
 	@cd build-asan && ctest $(CTEST_ARGS)
 
-tsan:
+tsan: bootstrap
 	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DZORMESH_SANITIZE=thread >/dev/null
 	@cmake --build build-tsan -j$(JOBS)
 	@cd build-tsan && ctest $(CTEST_ARGS)
 
-format:
+format: bootstrap
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
-cppcheck:
+cppcheck: bootstrap
 	@cppcheck --quiet --std=c++17 --enable=warning,performance,portability \
 	  --inline-suppr --error-exitcode=1 -I src src tools sim
 
+# The ARM build and every test under qemu-user: make cross ARCH=armhf|aarch64 (build-ARCH/).
+ARCH ?= armhf
+CROSS_ARCHS := armhf aarch64
+cross:
+	@case " $(CROSS_ARCHS) " in *" $(ARCH) "*) ;; \
+	  *) echo "make cross: ARCH must be one of: $(CROSS_ARCHS)" >&2; exit 2;; esac
+	@scripts/bootstrap --cross $(ARCH)
+	@cmake -S . -B build-$(ARCH) -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/$(ARCH).cmake \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake --build build-$(ARCH) -j$(JOBS)
+	@cd build-$(ARCH) && ctest $(CTEST_ARGS)
+
+# The daemon's stripped size per architecture, built with -Os (build-size-ARCH/).
+SIZE_ARCHS ?= native armhf aarch64
+size:
+	@JOBS=$(JOBS) scripts/size $(SIZE_ARCHS)
+
 clean:
-	@rm -rf $(BUILD) build-asan build-tsan $(FUZZ_BUILD)
+	@rm -rf $(BUILD) build-asan build-tsan build-size-* $(FUZZ_BUILD)

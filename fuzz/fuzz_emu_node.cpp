@@ -145,7 +145,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             int pk = node->packetOpen(0x0806);
             if (pk >= 0) {
                 node->packetIfIndex(pk, "br0");
-                node->packetSend(pk, 3, buf, 42);
+                node->packetSend(pk, 3, 0x0806, buf, 42);
                 node->packetWait(pk, 100);
                 node->packetRecv(pk, buf, 64);
                 node->closeFd(pk);

@@ -334,7 +334,7 @@ int FuzzOs::packetIfIndex(int, const char*) {
     return fails() ? -1 : 3;
 }
 
-int FuzzOs::packetSend(int, int, const void*, size_t len) {
+int FuzzOs::packetSend(int, int, uint16_t, const void*, size_t len) {
     return fails() ? -1 : static_cast<int>(len);
 }
 

@@ -68,7 +68,7 @@ class FuzzOs : public Os {
     int netlinkRecv(int fd, void* buf, size_t max) override;
     int packetOpen(uint16_t etherType) override;
     int packetIfIndex(int fd, const char* ifName) override;
-    int packetSend(int fd, int ifIndex, const void* frame, size_t len) override;
+    int packetSend(int fd, int ifIndex, uint16_t protocol, const void* frame, size_t len) override;
     int packetWait(int fd, int timeoutMs) override;
     int packetRecv(int fd, void* buf, size_t max) override;
     void closeFd(int fd) override;

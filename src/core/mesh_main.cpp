@@ -2,10 +2,13 @@
 
 #include "core/mesh_log.h"
 #include "core/mesh_msg.h"
+#include "platform/os.h"
 #include "platform/unix_sock.h"
 #include "platform/wrp.h"
 #include "wlan/mesh_wlan.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -41,8 +44,39 @@ uint32_t mesh_receive_cmd(int listenFd) {
     return result;
 }
 
-int mesh_main(int /*argc*/, char** /*argv*/) {
-    mesh_log_open();
+namespace {
+
+// The program's name for messages on standard error: the last part of argv[0].
+const char* programName(int argc, char** argv) {
+    if (argc < 1 || argv == nullptr || argv[0] == nullptr || argv[0][0] == '\0') {
+        return "zormeshd";
+    }
+    const char* slash = strrchr(argv[0], '/');
+    return slash != nullptr ? slash + 1 : argv[0];
+}
+
+// "<program>: cannot open <what> <path>: <reason>" on standard error, for the person who
+// started the daemon; the error log on standard output keeps the daemon's own line.
+void reportOpenFailure(const char* program, const char* what, const char* path, int err) {
+    char buf[384];
+    int n = snprintf(buf, sizeof buf, "%s: cannot open %s %s: %s\n", program, what, path,
+                     strerror(err));
+    if (n > 0) {
+        os().writeStderr(buf, static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n)
+                                                                  : sizeof buf - 1);
+    }
+}
+
+} // namespace
+
+int mesh_main(int argc, char** argv) {
+    const char* program = programName(argc, argv);
+    errno = 0;
+    if (mesh_log_open() != 0) {
+        const int err = errno;
+        RootedPath log(MESH_LOG_PATH);
+        reportOpenFailure(program, "the event log", log.c_str(), err);
+    }
     mesh_api_init();
     wrpInit(16, "mesh");
 
@@ -51,7 +85,12 @@ int mesh_main(int /*argc*/, char** /*argv*/) {
     memset(&ctx, 0, sizeof ctx);
     memset(&group, 0, sizeof group);
     if (unix_sock_initSrv(MESH_CMD_SRV_ID, &ctx, MESH_CMD_SRV_BACKLOG) != 0) {
-        MESH_ERR("init sock server failed");
+        const int err = errno;
+        // The process's entry point reports it: this function is main() of both programs.
+        mesh_errorLog("main", __LINE__, "init sock server failed");
+        char path[256];
+        unix_sock_srvPath(MESH_CMD_SRV_ID, path, sizeof path); // cut when too long, as refused
+        reportOpenFailure(program, "the command socket", path, err);
         return -1;
     }
     for (;;) {

@@ -12,6 +12,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#ifndef ZORMESH_VERSION
+#define ZORMESH_VERSION "unknown"
+#endif
+
 namespace {
 
 constexpr int EXIT_USAGE = 2;
@@ -32,6 +36,7 @@ void usage(FILE* out) {
             "  --time-scale K    run the daemon's clock K times faster than real time (an integer\n"
             "                    from 1 to %u, default 1): uptime, sleeps and waits are scaled.\n"
             "  -h, --help        this text\n"
+            "  --version         the version\n"
             "\n"
             "The error log goes to standard output as on the device. Exit status: 2 bad usage,\n"
             "3 the root cannot be used, 4 no emulator answers; otherwise the daemon runs until\n"
@@ -56,6 +61,10 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
             usage(stdout);
+            return 0;
+        }
+        if (strcmp(argv[i], "--version") == 0) {
+            printf("zormesh-node %s\n", ZORMESH_VERSION);
             return 0;
         }
         if (strcmp(argv[i], "--root") == 0 && i + 1 < argc) {

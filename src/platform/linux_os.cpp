@@ -20,6 +20,15 @@
 
 namespace linux_impl {
 
+sockaddr_ll packetAddress(int ifIndex, uint16_t protocol) {
+    sockaddr_ll addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sll_family = AF_PACKET;
+    addr.sll_protocol = htons(protocol);
+    addr.sll_ifindex = ifIndex;
+    return addr;
+}
+
 int runShell(const char* line, char* const envp[]) {
     if (line == nullptr) {
         return 1;
@@ -164,14 +173,8 @@ int LinuxOs::packetIfIndex(int fd, const char* ifName) {
     return req.ifr_ifindex;
 }
 
-int LinuxOs::packetSend(int fd, int ifIndex, const void* frame, size_t len) {
-    sockaddr_ll addr{};
-    addr.sll_family = AF_PACKET;
-    addr.sll_ifindex = ifIndex;
-    addr.sll_halen = ETH_ALEN;
-    if (len >= ETH_ALEN) {
-        memcpy(addr.sll_addr, frame, ETH_ALEN);
-    }
+int LinuxOs::packetSend(int fd, int ifIndex, uint16_t protocol, const void* frame, size_t len) {
+    const sockaddr_ll addr = linux_impl::packetAddress(ifIndex, protocol);
     return static_cast<int>(
         sendto(fd, frame, len, 0, reinterpret_cast<const sockaddr*>(&addr), sizeof addr));
 }

@@ -3,6 +3,8 @@
 
 #include "platform/os.h"
 
+#include <linux/if_packet.h>
+
 class LinuxOs : public Os {
   public:
     LinuxOs();
@@ -21,7 +23,7 @@ class LinuxOs : public Os {
     int netlinkRecv(int fd, void* buf, size_t max) override;
     int packetOpen(uint16_t etherType) override;
     int packetIfIndex(int fd, const char* ifName) override;
-    int packetSend(int fd, int ifIndex, const void* frame, size_t len) override;
+    int packetSend(int fd, int ifIndex, uint16_t protocol, const void* frame, size_t len) override;
     int packetWait(int fd, int timeoutMs) override;
     int packetRecv(int fd, void* buf, size_t max) override;
     void closeFd(int fd) override;
@@ -49,4 +51,7 @@ namespace linux_impl {
 int runShell(const char* line, char* const envp[]);
 // Joins `root` and `fixed` into `out`; returns `out` or "" when it does not fit.
 const char* joinPath(const char* root, const char* fixed, char* out, size_t cap);
+// The link-layer address a frame is sent to: family packet, the EtherType in network order,
+// the interface index, every other member 0.
+sockaddr_ll packetAddress(int ifIndex, uint16_t protocol);
 } // namespace linux_impl

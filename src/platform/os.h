@@ -78,8 +78,11 @@ class Os {
     virtual int packetOpen(uint16_t etherType) = 0;
     // SIOCGIFINDEX on that socket. Returns the index or -1.
     virtual int packetIfIndex(int fd, const char* ifName) = 0;
-    // sendto() an Ethernet frame out of interface `ifIndex`. Returns bytes sent or -1.
-    virtual int packetSend(int fd, int ifIndex, const void* frame, size_t len) = 0;
+    // sendto() an Ethernet frame out of interface `ifIndex`, to the link-layer address
+    // {family packet, `protocol` (EtherType, host order), `ifIndex`, all other members 0}.
+    // Returns bytes sent or -1.
+    virtual int packetSend(int fd, int ifIndex, uint16_t protocol, const void* frame,
+                           size_t len) = 0;
     // select() for readability: 1 readable, 0 time-out, -1 error.
     virtual int packetWait(int fd, int timeoutMs) = 0;
     // recvfrom() one frame of at most `max` bytes. Returns its length or -1.
@@ -96,8 +99,9 @@ class Os {
     virtual int semOp(int id, struct sembuf* ops, size_t nops) = 0;
 
     // --- time ---------------------------------------------------------------------------
-    virtual uint32_t uptime() = 0;               // seconds since boot (sysinfo)
-    virtual void sleepSeconds(unsigned sec) = 0; // a thread's tick
+    virtual uint32_t uptime() = 0; // seconds since boot (sysinfo)
+    // A thread's tick and its shorter waits. Both are cancellation points.
+    virtual void sleepSeconds(unsigned sec) = 0;
     virtual void sleepMillis(unsigned ms) = 0;
     virtual time_t wallClock() = 0; // for event-log stamps
 

@@ -736,7 +736,9 @@ int RemoteOs::packetIfIndex(int fd, const char* ifName) {
     return -1;
 }
 
-int RemoteOs::packetSend(int fd, int ifIndex, const void* frame, size_t len) {
+// The protocol is the socket's own EtherType, which the emulator learned at packet-open.
+int RemoteOs::packetSend(int fd, int ifIndex, uint16_t /*protocol*/, const void* frame,
+                         size_t len) {
     int32_t id = remoteIdOf(fd, Kind::Packet);
     if (id == -2) {
         return -1;

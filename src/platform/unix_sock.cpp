@@ -167,7 +167,11 @@ int checkDir(const char* dir) {
     if (lstat(dir, &st) < 0) {
         return -1;
     }
-    if (!S_ISDIR(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 022) != 0) {
+    if (!S_ISDIR(st.st_mode)) {
+        errno = ENOTDIR;
+        return -1;
+    }
+    if (st.st_uid != geteuid() || (st.st_mode & 022) != 0) {
         errno = EPERM;
         return -1;
     }

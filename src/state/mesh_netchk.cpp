@@ -54,32 +54,51 @@ std::atomic<uint32_t> l_checkNow{0};
 std::atomic<uint32_t> l_loopCheckEnabled{0};
 std::atomic<uint32_t> l_loopInitDone{0};
 
-// The thread. init starts it and makes it the current one; destroy withdraws that, cancels
-// it and waits until a tick in progress has finished. A thread that is not the current one
-// never starts another tick, so at most one tick runs at any time and none after destroy.
-// Nothing of the module runs while a cancelled thread unwinds.
+// The thread. init starts it (once: a second init keeps it) and destroy stops it: destroy
+// moves the run generation on, and a thread whose generation is no longer the current one
+// ends at its next sleep or probe wait without doing anything more, so a stop takes effect
+// within one of those (at most 100 ms into a probe) and destroy never waits for it.
+// l_threadsAlive counts the threads that have not ended yet (the module's reset waits for
+// them).
 pthread_mutex_t l_threadMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t l_threadCond = PTHREAD_COND_INITIALIZER;
-pthread_t l_thread;        // the current thread, while l_threadLive
 bool l_threadLive = false; // under l_threadMutex
-bool l_tickBusy = false;   // under l_threadMutex: the current thread is inside a tick
-std::atomic<MESH_NETCHK_THREAD_BODY> l_threadBody{nullptr};
+int l_threadsAlive = 0;    // under l_threadMutex
+std::atomic<uintptr_t> l_generation{0};
 
-// Marks the start of a tick; false when the calling thread is no longer the current one.
-bool beginTick() {
-    pthread_mutex_lock(&l_threadMutex);
-    bool current = l_threadLive && pthread_equal(pthread_self(), l_thread) != 0;
-    l_tickBusy = current;
-    pthread_mutex_unlock(&l_threadMutex);
-    return current;
+// The generation of the calling network-check thread; 0 on every other thread.
+thread_local uintptr_t tl_generation = 0;
+
+// True on a network-check thread that destroy has stopped.
+bool stopped() {
+    return tl_generation != 0 && tl_generation != l_generation.load();
 }
 
-void endTick() {
-    pthread_mutex_lock(&l_threadMutex);
-    l_tickBusy = false;
-    pthread_cond_broadcast(&l_threadCond);
-    pthread_mutex_unlock(&l_threadMutex);
-}
+// Closes the probe's socket on every way out.
+struct PacketSocket {
+    int fd;
+    explicit PacketSocket(int f) : fd(f) {}
+    PacketSocket(const PacketSocket&) = delete;
+    PacketSocket& operator=(const PacketSocket&) = delete;
+    ~PacketSocket() {
+        if (fd >= 0) {
+            os().closeFd(fd);
+        }
+    }
+};
+
+// Marks the end of the thread (its last act).
+struct ThreadLife {
+    ThreadLife() = default;
+    ThreadLife(const ThreadLife&) = delete;
+    ThreadLife& operator=(const ThreadLife&) = delete;
+    ~ThreadLife() {
+        pthread_mutex_lock(&l_threadMutex);
+        --l_threadsAlive;
+        pthread_cond_broadcast(&l_threadCond);
+        pthread_mutex_unlock(&l_threadMutex);
+    }
+};
 
 NETCHK_CONFIG configCopy() {
     std::lock_guard<std::mutex> g(l_dataMutex);
@@ -210,15 +229,16 @@ uint32_t mesh_netChk_init(const NETCHK_CONFIG* cfg, const uint8_t* ownMac, const
     // A second init without a destroy keeps the running thread: the reset request above
     // already makes it start over.
     if (!l_threadLive) {
-        MESH_NETCHK_THREAD_BODY body = l_threadBody.load();
-        if (pthread_create(&l_thread, nullptr, body != nullptr ? body : mesh_netChk_netChkThread,
-                           nullptr) != 0) {
+        pthread_t thread;
+        void* generation = reinterpret_cast<void*>(l_generation.fetch_add(1) + 1);
+        if (pthread_create(&thread, nullptr, mesh_netChk_netChkThread, generation) != 0) {
             pthread_mutex_unlock(&l_threadMutex);
             MESH_ERR("create network check Thread fail");
             return 1;
         }
-        pthread_detach(l_thread);
+        pthread_detach(thread);
         l_threadLive = true;
+        ++l_threadsAlive;
     }
     pthread_mutex_unlock(&l_threadMutex);
 
@@ -242,20 +262,16 @@ uint32_t mesh_netChk_setConfig(const NETCHK_CONFIG* cfg) {
 }
 
 uint32_t mesh_netChk_destroy(void) {
-    // Stop the thread first: a tick still running would otherwise write kernel lines and
-    // states after the ones below. It is cancelled at its next sleep.
+    // The kernel lines first, then the stop, which takes effect at the thread's next sleep or
+    // probe wait: destroy never waits for a probe in progress.
+    (void)mesh_netChk_setTargetCountConfig(0, nullptr);
+    (void)mesh_netChk_setLoopEnableConfig(0);
     pthread_mutex_lock(&l_threadMutex);
     if (l_threadLive) {
         l_threadLive = false;
-        pthread_cancel(l_thread);
-        while (l_tickBusy) {
-            pthread_cond_wait(&l_threadCond, &l_threadMutex);
-        }
+        l_generation.fetch_add(1); // the thread ends at its next sleep or wait
     }
     pthread_mutex_unlock(&l_threadMutex);
-
-    (void)mesh_netChk_setTargetCountConfig(0, nullptr);
-    (void)mesh_netChk_setLoopEnableConfig(0);
     l_lastCount.store(0);
     {
         std::lock_guard<std::mutex> g(l_dataMutex);
@@ -473,8 +489,8 @@ uint32_t mesh_netChk_checkIpByArp(uint32_t senderIp, uint32_t targetIp, uint8_t*
         MESH_ERR("invalid param");
         return 1;
     }
-    int fd = os().packetOpen(MESH_ETH_P_ARP);
-    if (fd < 0) {
+    PacketSocket sock(os().packetOpen(MESH_ETH_P_ARP));
+    if (sock.fd < 0) {
         MESH_ERR("create socket fail");
         return 1;
     }
@@ -495,32 +511,31 @@ uint32_t mesh_netChk_checkIpByArp(uint32_t senderIp, uint32_t targetIp, uint8_t*
     memcpy(frame.targetMac, kUnknownMac, kMacLen);
     put_be32(frame.targetIp, targetIp);
 
-    if (os().packetSend(fd, l_bridgeIndex.load(), &frame, sizeof frame) !=
+    if (os().packetSend(sock.fd, l_bridgeIndex.load(), MESH_ETH_P_ARP, &frame, sizeof frame) !=
         static_cast<int>(sizeof frame)) {
-        os().closeFd(fd);
         return 1;
     }
 
     uint32_t start = mesh_common_getUptime();
     for (;;) {
-        int ready = os().packetWait(fd, MESH_ARP_WAIT_MS);
+        int ready = os().packetWait(sock.fd, MESH_ARP_WAIT_MS);
+        if (stopped()) {
+            return 1;
+        }
         if (ready > 0) {
             // Any ARP frame arrives here (the socket is not bound); only the answer counts.
-            int n = os().packetRecv(fd, &frame, sizeof frame);
+            int n = os().packetRecv(sock.fd, &frame, sizeof frame);
             if (n < 0) {
-                os().closeFd(fd);
                 return 1;
             }
             if (isAnswer(frame, n, ownMac, senderIp, targetIp)) {
                 memcpy(macOut, frame.senderMac, kMacLen);
-                os().closeFd(fd);
                 return 0;
             }
         } else if (ready < 0) {
             MESH_ERR("select error");
         }
         if (static_cast<int32_t>(mesh_common_getUptime() - start) >= MESH_ARP_LIMIT_S) {
-            os().closeFd(fd);
             return 1;
         }
     }
@@ -571,7 +586,11 @@ void mesh_netChk_tick(NETCHK_TICK* t) {
         NETCHK_CONFIG cfg = configCopy();
         if (cfg.deviceIp != 0 && cfg.netChkTargetIp != 0) {
             uint8_t mac[kMacLen];
-            if (mesh_netChk_checkIpByArp(cfg.deviceIp, cfg.netChkTargetIp, mac) != 0) {
+            const uint32_t rc = mesh_netChk_checkIpByArp(cfg.deviceIp, cfg.netChkTargetIp, mac);
+            if (stopped()) {
+                return; // destroyed during the probe: nothing more is written
+            }
+            if (rc != 0) {
                 l_netState.store(kRawUnreachable);
                 setTargetMac(kUnknownMac);
                 if (mesh_netChk_setTargetCountConfig(0, nullptr) != 0) {
@@ -624,28 +643,25 @@ void mesh_netChk_tick(NETCHK_TICK* t) {
     ++t->sinceProbe;
 }
 
-void* mesh_netChk_netChkThread(void* /*arg*/) {
+void* mesh_netChk_netChkThread(void* arg) {
+    ThreadLife life;
+    tl_generation = reinterpret_cast<uintptr_t>(arg);
     NETCHK_TICK t;
-    for (;;) {
-        if (beginTick()) {
-            int old = 0;
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
-            mesh_netChk_tick(&t);
-            pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &old);
-            endTick();
-        } else {
-            pthread_testcancel(); // withdrawn: the cancellation is pending
+    while (!stopped()) {
+        mesh_netChk_tick(&t);
+        if (!stopped()) {
+            os().sleepSeconds(1);
         }
-        os().sleepSeconds(1); // where the thread is cancelled
     }
     return nullptr;
 }
 
-void mesh_netChk_setThreadBody(MESH_NETCHK_THREAD_BODY body) {
-    l_threadBody.store(body);
-}
-
 void mesh_netChk_resetModule(void) {
+    pthread_mutex_lock(&l_threadMutex);
+    while (l_threadsAlive > 0) { // a stopped thread that has not woken yet
+        pthread_cond_wait(&l_threadCond, &l_threadMutex);
+    }
+    pthread_mutex_unlock(&l_threadMutex);
     {
         std::lock_guard<std::mutex> g(l_dataMutex);
         memset(&l_config, 0, sizeof l_config);

@@ -102,9 +102,9 @@ struct NETCHK_TICK {
 uint32_t mesh_netChk_init(const NETCHK_CONFIG* cfg, const uint8_t* ownMac, const char* ifName);
 // Replaces the addresses while running and starts over with an ARP probe. 1 for null.
 uint32_t mesh_netChk_setConfig(const NETCHK_CONFIG* cfg);
-// Stops the check: cancels the thread (after a tick in progress, if any; no tick runs once
-// this returns), switches the kernel's target counter and loop detection off and forgets
-// the addresses. Returns 0.
+// Stops the check: switches the kernel's target counter and loop detection off, stops the
+// thread (it ends at its next sleep or probe wait, doing nothing more; destroy does not wait
+// for it) and forgets the addresses. Returns 0.
 uint32_t mesh_netChk_destroy(void);
 // Starts over with an ARP probe; the network counts as unreachable until it answers.
 uint32_t mesh_netChk_reset(void);
@@ -145,14 +145,11 @@ uint32_t mesh_netChk_setLoopSendConfig(void);
 
 // One tick of the network-check thread (everything but its one-second sleep).
 void mesh_netChk_tick(NETCHK_TICK* t);
-// The thread body: mesh_netChk_tick and a one-second sleep, for ever. The thread can be
-// cancelled only during the sleep, so a tick always completes.
+// The thread body: mesh_netChk_tick and a one-second sleep until destroy stops it (checked
+// after the sleep and after each of the ARP probe's 100 ms waits). `arg`: the run's
+// generation, handed over by init.
 void* mesh_netChk_netChkThread(void* arg);
 
-// The body that mesh_netChk_init starts (nullptr: mesh_netChk_netChkThread). Tests that
-// drive the ticks themselves install a body that only waits to be cancelled.
-using MESH_NETCHK_THREAD_BODY = void* (*)(void*);
-void mesh_netChk_setThreadBody(MESH_NETCHK_THREAD_BODY body);
-
-// Back to the values of process start; the thread must not be running.
+// Back to the values of process start, after a stopped thread has ended (tests; on the fake
+// clock the thread ends only once the clock has passed its sleep).
 void mesh_netChk_resetModule(void);

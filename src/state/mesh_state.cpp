@@ -24,8 +24,9 @@ std::atomic<uint32_t> l_meshState{MESH_STATE_NORMAL};
 std::atomic<uint32_t> l_enable{0};
 std::atomic<uint32_t> l_rescanRequest{0};
 char l_lanIfName[MESH_STATE_IFNAME_LEN];
-uint32_t l_countryCode = 0;
-uint32_t l_dfsFlag = 0;
+// Written by mesh_state_init on the command thread, read by the state thread.
+std::atomic<uint32_t> l_countryCode{0};
+std::atomic<uint32_t> l_dfsFlag{0};
 char l_causeText[MESH_CAUSE_TEXT_LEN];
 
 // Longest text of the management-state file that is looked at; it holds one number.
@@ -155,16 +156,16 @@ const char* getLanIfName(void) {
     return l_lanIfName;
 }
 void setCountryCode(uint32_t code) {
-    l_countryCode = code;
+    l_countryCode.store(code, std::memory_order_relaxed);
 }
 uint32_t getCountryCode(void) {
-    return l_countryCode;
+    return l_countryCode.load(std::memory_order_relaxed);
 }
 void setDfsFlag(uint32_t flag) {
-    l_dfsFlag = flag;
+    l_dfsFlag.store(flag, std::memory_order_relaxed);
 }
 uint32_t getDfsFlag(void) {
-    return l_dfsFlag;
+    return l_dfsFlag.load(std::memory_order_relaxed);
 }
 
 uint32_t getLanState(void) {
@@ -226,12 +227,13 @@ const char* getTransitionCauseStr(const MESH_STATE_TRANS_ENTRY* row) {
 }
 
 void mesh_state_resetModule(void) {
+    mesh_state_stopThreadForTest();
     setMeshState(MESH_STATE_NORMAL);
     l_enable.store(0, std::memory_order_relaxed);
     setRescanRequest(0);
     memset(l_lanIfName, 0, sizeof l_lanIfName);
-    l_countryCode = 0;
-    l_dfsFlag = 0;
+    setCountryCode(0);
+    setDfsFlag(0);
     memset(l_causeText, 0, sizeof l_causeText);
     memset(&l_parentSearch, 0, sizeof l_parentSearch);
     g_netChkTimeout = MESH_NETCHK_BASE_TIMEOUT;

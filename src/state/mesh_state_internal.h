@@ -48,6 +48,23 @@ extern uint32_t g_netCheckingSince;
 
 constexpr uint32_t MESH_NETCHK_BASE_TIMEOUT = 60;
 
+// Phases of the parent search.
+constexpr uint32_t MESH_SEARCH_IDLE = 0;       // start a scan next
+constexpr uint32_t MESH_SEARCH_SCANNING = 1;   // wait for a parent, then connect
+constexpr uint32_t MESH_SEARCH_CONNECTING = 2; // wait for the association
+// Seconds to wait for a parent after a scan; longer when a reset node must wait out DFS.
+constexpr uint32_t MESH_SCAN_WAIT = 8;
+constexpr uint32_t MESH_SCAN_WAIT_RESET_DFS = 17;
+// Seconds a connect may take; longer on the DFS channels 49..148.
+constexpr uint32_t MESH_CONNECT_TIMEOUT = 180;
+constexpr uint32_t MESH_CONNECT_TIMEOUT_DFS = 240;
+constexpr uint32_t MESH_DFS_FIRST_CHANNEL = 49;
+constexpr uint32_t MESH_DFS_LAST_CHANNEL = 148;
+// Channel-availability waits added to the network check after joining a DFS parent.
+constexpr uint32_t MESH_DFS_WAIT = 180;
+constexpr uint32_t MESH_DFS_WAIT_WEATHER = 660; // weather-radar block in the long-wait country
+constexpr uint32_t MESH_LONG_DFS_COUNTRY = 276;
+
 uint32_t getMeshState(void);
 void setMeshState(uint32_t state);
 uint32_t getRescanRequest(void);
@@ -75,5 +92,45 @@ uint32_t setOrbStateUnknown(void);
 // (used by the state thread only).
 const char* getTransitionCauseStr(const MESH_STATE_TRANS_ENTRY* row);
 
-// Back to the values of process start (tests run many daemons' lives in one process).
+// ---- transitions and parent search -------------------------------------------------------
+// Reconfigures the radio for `to`, reports it and records it. 0 when the node is now in
+// `to`; non-zero (nothing recorded) when the stored state is not `from`, for NORMAL->MESH,
+// an unknown target or a failed step (steps done before are not undone).
+uint32_t moveToState(uint32_t from, uint32_t to);
+// Switches the backhaul AP; the adapter's non-zero result after "enable backhaul ap fail".
+uint32_t enableBkhAp(uint32_t on);
+// One step of the parent search: scan, wait for a parent, connect, time out.
+void searchParent(PARENT_SEARCH* rec);
+void setScanWait(PARENT_SEARCH* rec);                         // 8 s, 17 s with DFS and reset
+void setConnectTimeout(PARENT_SEARCH* rec, uint32_t channel); // 180 s, 240 s on 49..148
+void resetNetChkTimeout(void);                                // 60 s
+void setNetChkTimeout(uint32_t wait);                         // wait + 60 s
+// The channel-availability wait of a parent's channel: 0, 180 or 660 s.
+uint32_t getDfsWaitTime(uint8_t channel);
+// 1 when the channel lies in the weather-radar block for the mode's channel width.
+uint32_t isWeatherRadarChannel(uint8_t channel, uint32_t wlanMode);
+
+// ---- the state thread -------------------------------------------------------------------
+// One row of the getter table: what is measured in a mesh state (null: not measured, -1).
+struct MESH_STATE_FUNC_ENTRY {
+    uint32_t state;
+    MESH_STATE_GETTER lan;
+    MESH_STATE_GETTER sta;
+    MESH_STATE_GETTER orb;
+    MESH_STATE_GETTER net;
+};
+// Debounces the raw reachability (1, 2) into NETWORK_STATE through CHECKING; `reset` starts
+// a new CHECKING phase. 1 for a null `out`, else 0.
+uint32_t transferNetState(uint32_t prev, uint32_t raw, uint32_t reset, uint32_t* out);
+// 1 ON->OFF, 2 ON->ON, 4 OFF->ON, 8 OFF->OFF; 8 after "wrong lan state transfer" otherwise.
+int32_t getLanLinkStateTran(uint32_t prev, uint32_t cur);
+// The thread body: one tick a second, for ever.
+void* threadRun(void* arg);
+
+// Stops the state thread, if one runs, at its sleep and waits for it (tests only: the daemon
+// never stops it).
+void mesh_state_stopThreadForTest(void);
+
+// Back to the values of process start (tests run many daemons' lives in one process); stops
+// the state thread if one runs.
 void mesh_state_resetModule(void);

@@ -4,14 +4,18 @@
 #include "core/mesh_main.h"
 #include "core/mesh_msg.h"
 #include "fake_os.h"
+#include "launch.h"
 #include "platform/byteorder.h"
 #include "platform/unix_sock.h"
+#include "state/mesh_state_internal.h"
 
 #include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <future>
 #include <gtest/gtest.h>
 #include <string>
@@ -224,27 +228,38 @@ struct CtlRun {
     std::string out;
 };
 
-CtlRun ctl(const std::string& args) {
-    FILE* p =
-        popen((std::string(ZORMESH_BIN_DIR) + "/zormeshctl " + args + " 2>/dev/null").c_str(), "r");
-    CtlRun r{-1, ""};
-    for (int c; p != nullptr && (c = fgetc(p)) != EOF;) {
-        r.out += static_cast<char>(c);
-    }
-    int st = p != nullptr ? pclose(p) : -1;
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
-
 class Zormeshctl : public CommandSocket {
   protected:
-    std::string sock() { return "--socket " + path() + " "; }
+    // Runs zormeshctl --socket <the fixture's socket> `args`; `serve`, when given, answers
+    // the connection zormeshctl makes. A zormeshctl that cannot start, or ends without
+    // connecting, fails the test at once instead of leaving the server waiting.
+    CtlRun ctl(std::vector<std::string> args, void (*serve)(int listenFd) = nullptr,
+               bool withSocket = true) {
+        if (withSocket) {
+            args.insert(args.begin(), {"--socket", path()});
+        }
+        args.insert(args.begin(), launch::binPath("zormeshctl"));
+        const std::string out = s.fake.rooted("/ctl.out");
+        launch::Child c(args, out, s.fake.rooted("/ctl.err"));
+        EXPECT_TRUE(c.started()) << c.startError();
+        if (serve != nullptr) {
+            if (!c.waitReadable(listenFd())) {
+                ADD_FAILURE() << "zormeshctl did not connect";
+                return {-1, ""};
+            }
+            serve(listenFd());
+        }
+        CtlRun r{c.waitExit(), ""};
+        std::ifstream in(out);
+        r.out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        return r;
+    }
+    static void serveOne(int fd) { mesh_receive_cmd(fd); }
+    static void closeUnanswered(int fd) { close(accept(fd, nullptr, nullptr)); }
 };
 
 TEST_F(Zormeshctl, PrintsTheWholeReplyAsOneHexLine) {
-    auto server = std::async(std::launch::async, [this] { mesh_receive_cmd(listenFd()); });
-    CtlRun r = ctl(sock() + "raw 23 'de ad:BE EF 01'");
-    server.get();
+    CtlRun r = ctl({"raw", "23", "de ad:BE EF 01"}, serveOne);
     ASSERT_EQ(0, r.status);
     // type 23 little-endian, reserved zero, the payload as given, zero-filled to 1456 bytes.
     EXPECT_EQ("17000000"
@@ -255,23 +270,31 @@ TEST_F(Zormeshctl, PrintsTheWholeReplyAsOneHexLine) {
 }
 
 TEST_F(Zormeshctl, ExitStatusTellsWhatHappened) {
-    auto server =
-        std::async(std::launch::async, [this] { close(accept(listenFd(), nullptr, nullptr)); });
-    CtlRun closed = ctl(sock() + "raw 13");
-    server.get();
+    CtlRun closed = ctl({"raw", "13"}, closeUnanswered);
     EXPECT_EQ(3, closed.status) << "the daemon closed the connection without a reply";
     EXPECT_EQ("", closed.out);
 
-    EXPECT_EQ(2, ctl("--socket " + s.fake.rooted("/nothing.sock") + " raw 13").status);
-    const std::string tooLong = "raw 13 " + std::string(2 * 1449, 'a');
-    for (const std::string& bad :
-         {std::string("raw"), std::string("raw x13"), std::string("raw 13 abc"), tooLong}) {
-        EXPECT_EQ(1, ctl(sock() + bad).status) << bad;
+    EXPECT_EQ(
+        2, ctl({"--socket", s.fake.rooted("/nothing.sock"), "raw", "13"}, nullptr, false).status);
+    const std::vector<std::vector<std::string>> bad = {
+        {"raw"}, {"raw", "x13"}, {"raw", "13", "abc"}, {"raw", "13", std::string(2 * 1449, 'a')}};
+    for (const auto& args : bad) {
+        EXPECT_EQ(1, ctl(args).status) << args.back().substr(0, 8);
     }
-    CtlRun help = ctl("--help");
+    CtlRun help = ctl({"--help"}, nullptr, false);
     EXPECT_EQ(0, help.status);
-    EXPECT_NE(std::string::npos, help.out.find("usage: zormeshctl [--socket PATH] raw TYPE [HEX]"));
+    EXPECT_NE(std::string::npos, help.out.find("Exit status: 0 a reply came; 1 bad usage"));
     EXPECT_NE(std::string::npos, help.out.find("/var/run/usock/21.sock"));
+}
+
+TEST_F(Zormeshctl, ReadsTheStateOfTheRealServerAsTextAndJson) {
+    setMeshState(MESH_STATE_ISOLATED);
+    EXPECT_EQ("ISOLATED (4)\n", ctl({"state"}, serveOne).out);
+    setMeshState(MESH_STATE_MESH);
+    CtlRun r = ctl({"-j", "state"}, serveOne);
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ("{\"state\":\"MESH\",\"value\":2}\n", r.out);
+    setMeshState(MESH_STATE_NORMAL);
 }
 
 } // namespace

@@ -1,8 +1,9 @@
-// What the end-to-end tests share: temporary roots, started programs, raw protocol messages,
-// a real clock the test moves by hand, and the headers they all use.
+// What the end-to-end tests share: temporary roots, started programs (launch.h), raw protocol
+// messages, a real clock the test moves by hand, and the headers they all use.
 #pragma once
 
 #include "emu_script.h"
+#include "launch.h"
 #include "platform/hex.h"
 #include "platform/remote_os.h"
 #include "platform/wireless.h"
@@ -23,13 +24,11 @@
 #include <memory>
 #include <mutex>
 #include <poll.h>
-#include <spawn.h>
 #include <sstream>
 #include <string>
 #include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
@@ -37,14 +36,14 @@
 #include <utility>
 #include <vector>
 
-extern char** environ;
-
 namespace e2e {
 
 using Bytes = std::vector<uint8_t>;
 using hex::hexBytes;
 
-constexpr int kStartMs = 10000; // bound for a process start or an answer, not a measurement
+using launch::binPath;
+using launch::Child;
+using launch::kStartMs;
 
 // A fresh directory under /tmp, removed with its contents by the destructor.
 class TempRoot {
@@ -73,76 +72,6 @@ inline std::string readFile(const std::string& path) {
     return ss.str();
 }
 
-// A program of the build (zormesh-node, zormesh-emu, zormeshctl).
-inline std::string binPath(const char* name) {
-    return std::string(ZORMESH_BIN_DIR) + "/" + name;
-}
-
-// A started program with stdout and stderr going to files and stdin from a pipe; killed
-// (SIGKILL) and reaped by the destructor if still running.
-class Child {
-  public:
-    Child(std::vector<std::string> argv, const std::string& outFile, const std::string& errFile) {
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        int in[2] = {-1, -1};
-        if (pipe2(in, O_CLOEXEC) == 0) {
-            posix_spawn_file_actions_adddup2(&fa, in[0], 0);
-            stdinFd_ = in[1];
-        }
-        posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        posix_spawn_file_actions_addopen(&fa, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        std::vector<char*> args;
-        for (auto& a : argv) {
-            args.push_back(&a[0]);
-        }
-        args.push_back(nullptr);
-        if (posix_spawn(&pid_, args[0], &fa, nullptr, args.data(), environ) == 0) {
-            // Readable when the program ends: waits need no polling.
-            pidFd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-        }
-        posix_spawn_file_actions_destroy(&fa);
-        close(in[0]);
-    }
-    ~Child() {
-        close(stdinFd_);
-        if (running()) {
-            ::kill(pid_, SIGKILL);
-            waitExit();
-        }
-        close(pidFd_);
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    pid_t pid() const { return pid_; }
-    void feed(const std::string& text) {
-        if (write(stdinFd_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-            perror("write to child");
-        }
-    }
-    // Waits up to `timeoutMs` for the program to end: its exit status, -1 when it is still
-    // running or was ended by a signal.
-    int waitExit(int timeoutMs = kStartMs) {
-        pollfd p{pidFd_, POLLIN, 0};
-        int st = 0;
-        if (status_ == -1 && pidFd_ >= 0 && poll(&p, 1, timeoutMs) > 0 &&
-            waitpid(pid_, &st, WNOHANG) == pid_) {
-            status_ = st;
-        }
-        return status_ != -1 && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
-    }
-    bool running() { return waitExit(0) == -1 && status_ == -1; }
-
-  private:
-    pid_t pid_ = -1;
-    int pidFd_ = -1;
-    int stdinFd_ = -1;
-    int status_ = -1; // raw wait status once reaped
-};
-
 // A connection of `type` to the Unix socket at `path`, -1 when nobody accepts it.
 inline int connectTo(const std::string& path, int type = SOCK_SEQPACKET) {
     int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
@@ -157,10 +86,16 @@ inline int connectTo(const std::string& path, int type = SOCK_SEQPACKET) {
 }
 
 // Waits until a program that is starting up accepts connections at `path` (the connection
-// made to find out is closed without a word).
-inline bool waitForListener(const std::string& path, int type) {
+// made to find out is closed without a word). Given the program, gives up at once when it
+// did not start or has ended.
+inline bool waitForListener(const std::string& path, int type, Child* program = nullptr) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartMs);
     for (int fd; std::chrono::steady_clock::now() < deadline;) {
+        if (program != nullptr && !program->running()) {
+            ADD_FAILURE() << program->what() << " ended before it listened on " << path << " "
+                          << program->startError();
+            return false;
+        }
         if ((fd = connectTo(path, type)) >= 0) {
             close(fd);
             return true;

@@ -32,9 +32,9 @@ class Node : public ::testing::Test {
 
 TEST_F(Node, RunsAsTheDaemonBesideTheEmulatorProgramAndOutlivesIt) {
     auto emu = start("zormesh-emu", {"--root", root_.path()}, "emu");
-    ASSERT_TRUE(e2e::waitForListener(root_ + "/emu.sock", SOCK_SEQPACKET));
+    ASSERT_TRUE(e2e::waitForListener(root_ + "/emu.sock", SOCK_SEQPACKET, emu.get()));
     auto node = start("zormesh-node", {"--root", root_.path(), "--time-scale", "20"}, "node");
-    ASSERT_TRUE(e2e::waitForListener(socketPath(), SOCK_STREAM));
+    ASSERT_TRUE(e2e::waitForListener(socketPath(), SOCK_STREAM, node.get()));
 
     std::string reply;
     ASSERT_EQ(0, command(23, &reply));

@@ -54,7 +54,7 @@ TEST_F(RemoteProtocol, ScriptedAnswersReachTheDaemonAndSedChangesTheRealProfile)
                                 "020000000001 c0a80102 ffffffffffff c0a80101");
     int p = node.packetOpen(0x0806);
     EXPECT_RESULT(-1, ENODEV, node.packetIfIndex(p, "eth9"));
-    ASSERT_EQ(42, node.packetSend(p, 5, frame.data(), frame.size()));
+    ASSERT_EQ(42, node.packetSend(p, 5, 0x0806, frame.data(), frame.size()));
     EXPECT_EQ(1, node.packetWait(p, 100));
     uint8_t got[64];
     ASSERT_EQ(42, node.packetRecv(p, got, sizeof got));
@@ -62,7 +62,7 @@ TEST_F(RemoteProtocol, ScriptedAnswersReachTheDaemonAndSedChangesTheRealProfile)
     EXPECT_EQ(0, node.packetWait(p, 20));
     EXPECT_RESULT(-1, EAGAIN, node.packetRecv(p, got, sizeof got));
     node.closeFd(p);
-    EXPECT_RESULT(-1, EBADF, node.packetSend(p, 5, frame.data(), frame.size()));
+    EXPECT_RESULT(-1, EBADF, node.packetSend(p, 5, 0x0806, frame.data(), frame.size()));
 
     // The largest table the daemon asks for crosses whole, both ways.
     emu_.onIoctl(0x8BFE, [](emu::IoctlCall& call) {
@@ -177,7 +177,7 @@ TEST_F(RemoteProtocol, AVanishedEmulatorLooksLikeAVanishedDriver) {
     EXPECT_RESULT(-1, ENOENT, node.readProc("/proc/mesh/loop_status", buf, sizeof buf));
     EXPECT_RESULT(-1, ENOENT, node.writeProc("/proc/mesh/config_count", "4", 2));
     EXPECT_RESULT(-1, ENODEV, node.packetIfIndex(p, "br0"));
-    EXPECT_RESULT(-1, ENETDOWN, node.packetSend(p, 5, buf, 10));
+    EXPECT_RESULT(-1, ENETDOWN, node.packetSend(p, 5, 0x0806, buf, 10));
     EXPECT_EQ(0, node.packetWait(p, 100)); // the time-out passes
     EXPECT_EQ(std::vector<uint64_t>{100000}, clock.slept);
     EXPECT_EQ(16, node.readRandom(buf, 16)); // /dev/urandom is still there

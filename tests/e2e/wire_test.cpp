@@ -325,7 +325,7 @@ TEST(WireNode, TheNodeSendsThePagesRequestsAndTakesItsReplies) {
     doc(REMOTE_OP_PACKET_IFINDEX);
     EXPECT_EQ(5, node->packetIfIndex(p, "br0"));
     doc(REMOTE_OP_PACKET_SEND);
-    EXPECT_EQ(3, node->packetSend(p, 5, "\x01\x02\x03", 3));
+    EXPECT_EQ(3, node->packetSend(p, 5, 0x0806, "\x01\x02\x03", 3));
     doc(REMOTE_OP_PACKET_WAIT);
     EXPECT_EQ(1, node->packetWait(p, 100)); // real 5 ms at K = 20
     doc(REMOTE_OP_PACKET_RECV);

@@ -11,6 +11,8 @@
 #include "state/mesh_state_internal.h"
 #include "wlan/mesh_wlan.h"
 
+#include <thread>
+
 namespace {
 
 const uint8_t kParentMac[6] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
@@ -91,7 +93,13 @@ class ParentTest : public ::testing::Test {
             o.verCap = 6;
             MESH_PAIR_BLOCK_ID b;
             EXPECT_EQ(0u, mesh_payload_buildPairBlockId(kSecret, &o, &b));
-            EXPECT_EQ(0u, mesh_common_rsa_encrypt(&idKey, info.data2, (const uint8_t*)&b));
+            // A block whose first byte is 0 counts as no block at all (about one in 200
+            // encryptions); the padding is random, so encrypting again gives another block.
+            uint32_t rc;
+            do {
+                rc = mesh_common_rsa_encrypt(&idKey, info.data2, (const uint8_t*)&b);
+            } while (rc == 0 && info.data2[0] == 0);
+            EXPECT_EQ(0u, rc);
             info.data2Len = 128;
         }
         return info;
@@ -106,10 +114,6 @@ TEST_F(ParentTest, ParentInformationArrivesOverNetlinkAndAChangedModeAsksForARes
     MESH_NETLINK_MONITOR mon;
     ASSERT_EQ(0u, mesh_netlink_monitorOpen(&mon));
     ASSERT_EQ(0u, mesh_parentHandler_init());
-    EXPECT_EQ(1u, mesh_parentHandler_init()); // a second registration of the type fails
-    EXPECT_EQ(
-        (Lines{"the callback of event(2) has been registered", "register ap handle callback fail"}),
-        errorTexts(fake.takeStdout()));
     struct Row {
         uint32_t wlanMode;
         uint8_t channel;
@@ -147,6 +151,40 @@ TEST_F(ParentTest, ParentInformationArrivesOverNetlinkAndAChangedModeAsksForARes
     EXPECT_EQ(0u, mesh_parentHandler_init()) << "the slot is free again";
 }
 
+// Events on a monitor thread while the command side reads the handler and changes the table:
+// every record is stored whole and in order (run under the thread sanitizer, a race shows).
+TEST_F(ParentTest, MonitorThreadAndCommandThreadShareTheHandler) {
+    MESH_NETLINK_MONITOR mon;
+    ASSERT_EQ(0u, mesh_netlink_monitorOpen(&mon));
+    ASSERT_EQ(0u, mesh_parentHandler_init());
+    constexpr int kEvents = 200;
+    for (uint32_t i = 1; i <= kEvents; ++i) {
+        Bytes msg = hexBytes("28010000 0000 0000 00000000 00000000 02000000 00000000");
+        msg.resize(24 + 280, static_cast<uint8_t>(i));
+        memcpy(&msg[24 + 16], &i, 4);
+        fake.queueNetlink(msg);
+    }
+    std::thread monitor([&] {
+        for (int i = 0; i < kEvents; ++i) {
+            mesh_netlink_monitorStep(&mon);
+        }
+    });
+    uint32_t last = 0;
+    MESH_PARENT_INFO got;
+    for (int i = 0; i < kEvents; ++i) {
+        mesh_netlink_registerCallback(1, [](const void*) {});
+        mesh_netlink_unregisterCallback(1);
+        if (mesh_parentHandler_getParentInfo(&got) == 0) {
+            const uint8_t fill = static_cast<uint8_t>(got.wlanMode); // one record, not two
+            EXPECT_TRUE(got.unused0[0] == fill && got.channel == fill && got.unused279 == fill);
+            EXPECT_LE(last, got.wlanMode);
+            last = got.wlanMode;
+        }
+    }
+    monitor.join();
+    EXPECT_EQ("1 200 200", stored());
+}
+
 TEST_F(ParentTest, ScanBringsTheStationUpAdvertisesTheNodeAndStartsTheSurvey) {
     const MESH_PARENT_INFO earlier{};
     mesh_parentHandler_setParentInfo(&earlier);
@@ -158,30 +196,6 @@ TEST_F(ParentTest, ScanBringsTheStationUpAdvertisesTheNodeAndStartsTheSurvey) {
               fake.shellLines());
     EXPECT_EQ("probe1 assoc ", installed()) << "looking for a parent";
     EXPECT_EQ("", fake.takeStdout());
-
-    struct Failure {
-        const char* rule; // ioctl key made to fail
-        std::vector<int> calls;
-        Lines errors;
-    };
-    const Failure failures[] = {
-        {"0x8913 apclii0",
-         {1, 2},
-         {"sta interface apclii0 does not exist\n", "create sta failed\n"}},
-        {"0x8BE1 apclii0", {1}, {"call RT_PRIV_IOCTL fail", "update probe request failed\n"}},
-        {"0x8BE1 apclii0", {2}, {"call RT_PRIV_IOCTL fail", "update assoc request failed\n"}},
-    };
-    for (const Failure& f : failures) {
-        std::vector<int> rules;
-        for (int n : f.calls) {
-            rules.push_back(fake.failNth(FakeOs::Op::Ioctl, f.rule, n, ENODEV));
-        }
-        EXPECT_EQ(1u, mesh_parentHandler_scan()) << f.errors.back();
-        for (int rule : rules) {
-            EXPECT_TRUE(fake.fired(rule));
-        }
-        EXPECT_EQ(f.errors, errorTexts(fake.takeStdout()));
-    }
 
     // Re-advertising after a settings change: only when the station exists, flags 0.
     fake.clearRecords();

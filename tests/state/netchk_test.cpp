@@ -1,6 +1,8 @@
 // Network check and loop detection under the fake system: the kernel lines byte for byte, the
-// ARP probe against hand-written frames, and the thread's tick on the fake clock.
+// ARP probe against hand-written frames, and the thread ticking on the fake clock.
 #include "state_fixture.h"
+
+#include "platform/linux_os.h"
 
 namespace {
 
@@ -12,6 +14,7 @@ const char* const kTargetOn = "1 1 0a:1b:2c:3d:4e:5f";
 
 TEST_F(NetChk, KernelLineFailuresAndLongPortNames) {
     start(config());
+    fake.clearRecords();
     EXPECT_EQ(1u, mesh_netChk_setTargetCountConfig(1, nullptr));
     fake.failNth(FakeOs::Op::PacketIfIndex, "apclii0", 1, ENODEV);
     EXPECT_EQ(1u, mesh_netChk_setLoopInitConfig());
@@ -39,6 +42,7 @@ TEST_F(NetChk, KernelLineFailuresAndLongPortNames) {
 
 TEST_F(NetChk, LoopSwitchAndProbes) {
     start(config());
+    fake.clearRecords();
     fake.setProc(kLoop, "1");
     fake.failNth(FakeOs::Op::ProcWrite, kCount, 1, ENOENT);
     EXPECT_EQ(1u, mesh_netChk_setLoopbackCheck(1)); // the switch stays off: the next call retries
@@ -76,20 +80,27 @@ TEST_F(NetChk, LoopSwitchAndProbes) {
     EXPECT_EQ(90u, reads(kLoop)); // every tick while on
     EXPECT_EQ(MESH_STATE_OFF, mesh_netChk_getLoopState());
 
-    mesh_netChk_destroy(); // a new run writes the set-up again
+    stop(); // a new run writes the set-up again
     start(config());
+    fake.clearRecords();
     mesh_netChk_setLoopbackCheck(0);
     mesh_netChk_setLoopbackCheck(1);
     EXPECT_EQ((Lines{"3 0", kSetUp, "3 1", "4"}), lines());
 }
 
 TEST_F(NetChk, ArpProbe) {
-    start(config());
+    start(config()); // the thread sleeps through the probes below: no check is due
+    fake.clearRecords();
     uint8_t mac[6] = {};
     ASSERT_EQ(0u, mesh_netChk_checkIpByArp(kDevice, kGateway, mac));
     EXPECT_EQ(toHex(kGwMac.data(), 6), toHex(mac, 6));
     ASSERT_EQ(1u, arps());
     EXPECT_EQ(7, fake.packetsSent()[0].ifIndex);
+    EXPECT_EQ(0x0806, fake.packetsSent()[0].protocol);
+    // What the device hands to the kernel for it: family 17, protocol 0x0806 in network
+    // order, the bridge's index, every other member 0.
+    const sockaddr_ll to = linux_impl::packetAddress(7, 0x0806);
+    EXPECT_EQ(hexText("1100 0806 07000000 0000 00 00 0000000000000000"), hexOf(to));
     EXPECT_EQ(hexText("ffffffffffff 020000000001 0806 0001 0800 06 04 0001 020000000001 c0a8010a "
                       "ffffffffffff c0a80101"),
               toHex(fake.packetsSent()[0].frame.data(), fake.packetsSent()[0].frame.size()));
@@ -131,17 +142,16 @@ TEST_F(NetChk, ArpProbe) {
 }
 
 TEST_F(NetChk, CounterDecidesWhenToProbe) {
-    start(config());
+    start(config()); // the first tick probes; the answer configures the kernel's counter
+    EXPECT_EQ(1u, mesh_netChk_getNetState());
+    EXPECT_EQ(Lines{kTargetOn}, lines());
     uint32_t traffic = 100;
-    auto busy = [&](int n) { // ticks while the target's traffic moves the counter
+    auto busy = [&](int n) { // seconds while the target's traffic moves the counter
         for (int i = 0; i < n; ++i) {
             fake.setProc(kCount, std::to_string(++traffic));
             tick();
         }
     };
-    busy(1); // the first tick probes; the answer configures the kernel's counter
-    EXPECT_EQ(1u, mesh_netChk_getNetState());
-    EXPECT_EQ(Lines{kTargetOn}, lines());
     busy(599);
     EXPECT_EQ(1u, arps());
     EXPECT_EQ(20u, reads(kCount)); // after the answer, then every 30 ticks
@@ -154,8 +164,10 @@ TEST_F(NetChk, CounterDecidesWhenToProbe) {
     EXPECT_EQ(3u, arps());
 
     answering = false;
-    tick(30);
+    tick(30); // the check probes; the thread waits for the answer
     EXPECT_EQ(4u, arps());
+    EXPECT_EQ(1u, mesh_netChk_getNetState());
+    tick(4); // 4 s without an answer
     EXPECT_EQ(2u, mesh_netChk_getNetState());
     EXPECT_EQ((Lines{kTargetOn, "1 0"}), lines());
     tick(29);
@@ -177,24 +189,26 @@ TEST_F(NetChk, CheckNowAndReset) {
     const size_t countReads = reads(kCount);
     fake.setProc(kCount, "101");
     mesh_netChk_checkNetIm();
-    tick(); // checks at once, and the tick counters stand still
+    tick(); // checks at once: the counter moved, no probe
     EXPECT_EQ(countReads + 1, reads(kCount));
     EXPECT_EQ(1u, arps());
-    EXPECT_EQ(6u, t.sinceCheck);
-    EXPECT_EQ(6u, t.sinceArp);
-    tick(); // the request is used up
-    EXPECT_EQ(7u, t.sinceCheck);
+    // The tick of a check-now does not count: the periodic check comes one tick later than
+    // the 30 after the first probe.
+    tick(23);
+    EXPECT_EQ(countReads + 1, reads(kCount));
+    tick();
+    EXPECT_EQ(countReads + 2, reads(kCount));
+    EXPECT_EQ(2u, arps()); // the counter stood still at it
+
     mesh_netChk_checkNetIm();
-    tick(); // the counter stands: probe at once, the tick counters still stand
-    EXPECT_EQ(2u, arps());
-    EXPECT_EQ(7u, t.sinceArp);
+    tick(); // the counter stands: probe at once
+    EXPECT_EQ(3u, arps());
 
     EXPECT_EQ(0u, mesh_netChk_reset());
     EXPECT_EQ(2u, mesh_netChk_getNetState());
     tick(); // starts over with a probe
-    EXPECT_EQ(3u, arps());
+    EXPECT_EQ(4u, arps());
     EXPECT_EQ(1u, mesh_netChk_getNetState());
-    EXPECT_EQ(1u, t.sinceArp);
 }
 
 TEST_F(NetChk, TargetSelection) {
@@ -237,22 +251,38 @@ TEST_F(NetChk, InitAndDestroy) {
     EXPECT_EQ(1u, mesh_netChk_init(&cfg, kOwnMac.data(), "pon0"));
     EXPECT_EQ(Lines{"get bridge interface index fail"}, errors());
     start(cfg);
-    start(cfg); // keeps the running thread
+    start(cfg); // keeps the running thread (still one sleeper), which starts over
+    tick();
     EXPECT_NE(std::string::npos,
               fake.readFile("/tmp/zormesh.log")
                   .find("]target ip 192.168.1.1 gateway 192.168.1.1 mask 255.255.255.0\r\n"));
-    tick();
     ASSERT_EQ(1u, mesh_netChk_getNetState());
     ASSERT_EQ(0u, mesh_netChk_setLoopbackCheck(1));
 
     fake.clearRecords();
-    EXPECT_EQ(0u, mesh_netChk_destroy());
-    EXPECT_TRUE(threadsCancelled(1));
-    EXPECT_EQ(1, g_threadStarts.load());
+    stop();
     EXPECT_EQ((Lines{"1 0", "3 0"}), lines());
     EXPECT_EQ(2u, mesh_netChk_getNetState());
-    tick(40); // the addresses are forgotten: nothing to probe
-    EXPECT_EQ(0u, arps());
+    start(cfg);
+    stop();
+    tick(40); // no thread, and the addresses are forgotten
+    EXPECT_EQ(1u, arps());
+}
+
+TEST_F(NetChk, DestroyDoesNotWaitForAProbe) {
+    answering = false;
+    start(config()); // the first probe waits for an answer that does not come
+    const uint64_t before = fake.nowMillis();
+    fake.clearRecords();
+    EXPECT_EQ(0u, mesh_netChk_destroy()); // returns at once: no virtual time passed
+    EXPECT_EQ(before, fake.nowMillis());
+    EXPECT_EQ(1u, fake.sleepers());
+    fake.advanceMillis(100); // the thread ends at the end of its wait, writing nothing more
+    EXPECT_TRUE(fake.settle(0));
+    EXPECT_EQ((Lines{"1 0", "3 0"}), lines());
+    EXPECT_EQ(100u, fake.nowMillis() - before);
+    mesh_netChk_resetModule();
+    EXPECT_EQ(0u, fake.openFds()); // the probe's socket is closed
 }
 
 } // namespace

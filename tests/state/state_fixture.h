@@ -1,7 +1,7 @@
 // The one fixture of the state module's tests: the fake board with the bridge br0 (index 7),
 // the mesh station interface apclii0 (index 12) and hosts on the bridge that answer ARP
-// requests for their address. The network check's thread only waits to be cancelled; the
-// tests drive the ticks themselves on the fake clock.
+// requests for their address. The module's threads run for real on the fake clock: the tests
+// move the clock and each thread runs the ticks that fall into that time.
 #pragma once
 
 #include "test_util.h"
@@ -17,9 +17,6 @@
 #include <atomic>
 #include <cstdio>
 #include <map>
-#include <pthread.h>
-#include <sched.h>
-#include <unistd.h>
 
 constexpr uint32_t kDevice = 0xC0A8010A;  // 192.168.1.10/24
 constexpr uint32_t kGateway = 0xC0A80101; // 192.168.1.1
@@ -46,31 +43,12 @@ inline NETCHK_CONFIG config(uint32_t targetSet = 0, uint32_t target = 0) {
     return NETCHK_CONFIG{1, targetSet, target, kGateway, kDevice, 0xFFFFFF00, 0};
 }
 
-inline std::atomic<int> g_threadStarts{0}, g_threadsCancelled{0};
-inline void* parkedThread(void*) {
-    ++g_threadStarts;
-    pthread_cleanup_push([](void*) { ++g_threadsCancelled; }, nullptr);
-    for (;;) {
-        pause();
-    }
-    pthread_cleanup_pop(0);
-}
-// The cancellation completes on the other thread; true once `n` threads have ended.
-inline bool threadsCancelled(int n) {
-    for (long i = 0; i < 100000000L && g_threadsCancelled < n; ++i) {
-        sched_yield();
-    }
-    return g_threadsCancelled >= n;
-}
-
 class StateTest : public ::testing::Test {
   protected:
     void SetUp() override {
         mesh_state_resetModule();
         mesh_netChk_resetModule();
         mesh_wlan_resetForTest();
-        mesh_netChk_setThreadBody(parkedThread);
-        g_threadStarts = g_threadsCancelled = 0;
         fake.setIfIndex("br0", 7);
         fake.setIfIndex("apclii0", 12);
         hosts[kGateway] = kGwMac;
@@ -82,8 +60,8 @@ class StateTest : public ::testing::Test {
         });
     }
     void TearDown() override {
-        mesh_netChk_destroy();
-        mesh_netChk_setThreadBody(nullptr);
+        mesh_state_resetModule(); // stops the state thread
+        stop();
         mesh_netChk_resetModule();
         mesh_state_resetModule();
         if (g_meshLog != nullptr) {
@@ -91,18 +69,21 @@ class StateTest : public ::testing::Test {
             g_meshLog = nullptr;
         }
     }
-    // Starts the network check with a kernel counter that stands at 100.
+    // Starts the network check with a kernel counter that stands at 100; returns when the
+    // thread's first tick (a probe) is over or waits for an answer. Records start with it.
     void start(const NETCHK_CONFIG& cfg) {
-        ASSERT_EQ(0u, mesh_netChk_init(&cfg, kOwnMac.data(), "pon0"));
         fake.setProc(kCount, "100");
         fake.clearRecords();
+        ASSERT_EQ(0u, mesh_netChk_init(&cfg, kOwnMac.data(), "pon0"));
+        ASSERT_TRUE(fake.settle(1));
     }
-    void tick(int n = 1) { // ticks of the thread, each with its one-second sleep
-        for (int i = 0; i < n; ++i) {
-            mesh_netChk_tick(&t);
-            fake.advanceSeconds(1);
-        }
+    // Stops the check; returns when its thread has woken from its sleep and ended.
+    void stop() {
+        EXPECT_EQ(0u, mesh_netChk_destroy());
+        fake.advanceSeconds(1);
+        EXPECT_TRUE(fake.settle(0));
     }
+    void tick(int n = 1) { fake.advanceSeconds(static_cast<uint32_t>(n)); } // n seconds
     // The lines written to the kernel, each checked for its one terminating NUL.
     Lines lines() {
         Lines out;
@@ -125,5 +106,4 @@ class StateTest : public ::testing::Test {
     FakeOs& fake = scope.fake;
     std::map<uint32_t, Bytes> hosts; // who answers ARP requests on the bridge
     bool answering = true;
-    NETCHK_TICK t;
 };

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -58,9 +60,24 @@ std::string printable(const void* data, size_t len) {
     return out;
 }
 
+// The fake whose clock step woke this thread and now waits for it to sleep again.
+thread_local FakeOs* tl_running = nullptr;
+
+// A woken thread that ends instead of sleeping again must not keep the clock waiting.
+struct ExitWatch {
+    ~ExitWatch() {
+        if (FakeOs* f = tl_running) {
+            f->backToSleep();
+        }
+    }
+};
+thread_local ExitWatch tl_exitWatch;
+
+constexpr auto kRealPatience = std::chrono::seconds(20);
+
 } // namespace
 
-FakeOs::FakeOs() : device_(defaultDeviceConfig()) {
+FakeOs::FakeOs() : device_(defaultDeviceConfig()), owner_(std::this_thread::get_id()) {
     char tmpl[] = "/tmp/zormesh-fake-XXXXXX";
     const char* dir = mkdtemp(tmpl);
     if (dir == nullptr) {
@@ -77,6 +94,17 @@ FakeOs::FakeOs() : device_(defaultDeviceConfig()) {
 }
 
 FakeOs::~FakeOs() {
+    {
+        std::unique_lock<std::mutex> g(mu_);
+        waitQuiet(g);
+        if (!sleepers_.empty()) {
+            fprintf(stderr,
+                    "fake system: %zu thread(s) still asleep on the fake clock at the end of the "
+                    "test; stop them before the fake goes\n",
+                    sleepers_.size());
+            abort();
+        }
+    }
     for (int id : semIds_) {
         semctl(id, 0, IPC_RMID);
     }
@@ -181,8 +209,90 @@ void FakeOs::record(const std::string& line) {
 // ---- clock ----------------------------------------------------------------------------------
 
 void FakeOs::advanceMillis(uint64_t ms) {
+    std::unique_lock<std::mutex> g(mu_);
+    advanceLocked(g, ms);
+}
+
+void FakeOs::advanceLocked(std::unique_lock<std::mutex>& g, uint64_t ms) {
+    const uint64_t target = clockMs_ + ms;
+    for (;;) {
+        waitQuiet(g);
+        if (sleepers_.empty() || sleepers_.begin()->first > target) {
+            break;
+        }
+        const auto first = *sleepers_.begin();
+        sleepers_.erase(sleepers_.begin());
+        clockMs_ = std::max(clockMs_, first.first);
+        woken_.insert(first.second);
+        ++running_;
+        clockCv_.notify_all();
+    }
+    clockMs_ = std::max(clockMs_, target);
+}
+
+void FakeOs::waitQuiet(std::unique_lock<std::mutex>& g) {
+    if (!clockCv_.wait_for(g, kRealPatience, [this] { return running_ == 0; })) {
+        fprintf(stderr, "fake system: a thread woken by the clock did not sleep again within "
+                        "20 s; the clock goes on without it\n");
+        running_ = 0;
+    }
+}
+
+void FakeOs::backToSleep() {
     std::lock_guard<std::mutex> g(mu_);
-    clockMs_ += ms;
+    if (tl_running == this) {
+        tl_running = nullptr;
+        running_ = std::max(0, running_ - 1);
+        clockCv_.notify_all();
+    }
+}
+
+void FakeOs::sleepFor(std::unique_lock<std::mutex>& g, uint64_t ms) {
+    if (std::this_thread::get_id() == owner_) {
+        advanceLocked(g, ms);
+        return;
+    }
+    (void)&tl_exitWatch; // constructed once per thread, runs at its end
+    if (tl_running == this) {
+        tl_running = nullptr;
+        --running_;
+    }
+    const std::pair<uint64_t, uint64_t> key{clockMs_ + ms, nextTicket_++};
+    sleepers_.insert(key);
+    clockCv_.notify_all();
+    // Runs with mu_ held, also when the thread is cancelled in the wait (the wait takes the
+    // lock back before the thread unwinds).
+    struct Unsleep {
+        FakeOs* f;
+        std::pair<uint64_t, uint64_t> key;
+        bool returned = false;
+        ~Unsleep() {
+            f->sleepers_.erase(key);
+            if (f->woken_.erase(key.second) != 0 && !returned) {
+                --f->running_; // woken, but cancelled instead of running
+            }
+            f->clockCv_.notify_all();
+        }
+    } guard{this, key};
+    clockCv_.wait(g, [&] { return woken_.count(key.second) != 0; });
+    guard.returned = true;
+    tl_running = this;
+}
+
+bool FakeOs::settle(size_t n) {
+    std::unique_lock<std::mutex> g(mu_);
+    return clockCv_.wait_for(g, kRealPatience,
+                             [&] { return running_ == 0 && sleepers_.size() == n; });
+}
+
+size_t FakeOs::openFds() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return fds_.size();
+}
+
+size_t FakeOs::sleepers() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return sleepers_.size();
 }
 
 uint64_t FakeOs::nowMillis() const {
@@ -479,6 +589,11 @@ int FakeOs::netlinkSend(int /*fd*/, const void* buf, size_t len) {
 
 int FakeOs::netlinkRecv(int /*fd*/, void* buf, size_t max) {
     std::unique_lock<std::mutex> g(mu_);
+    if (tl_running == this) { // a clocked thread that blocks here no longer runs
+        tl_running = nullptr;
+        --running_;
+        clockCv_.notify_all();
+    }
     netlinkCv_.wait(g, [this] { return netlinkDown_ || !rxNetlink_.empty(); });
     if (int err = checkFail(Op::NetlinkRecv, "")) {
         errno = err;
@@ -527,14 +642,16 @@ int FakeOs::packetIfIndex(int /*fd*/, const char* ifName) {
     return it->second;
 }
 
-int FakeOs::packetSend(int /*fd*/, int ifIndex, const void* frame, size_t len) {
+int FakeOs::packetSend(int /*fd*/, int ifIndex, uint16_t protocol, const void* frame, size_t len) {
     std::function<void(const Packet&)> hook;
-    Packet pkt{ifIndex,
+    Packet pkt{ifIndex, protocol,
                Bytes(static_cast<const uint8_t*>(frame), static_cast<const uint8_t*>(frame) + len)};
     {
         std::lock_guard<std::mutex> g(mu_);
         packets_.push_back(pkt);
-        record("packet-send " + std::to_string(ifIndex) + " " + toHex(frame, len));
+        char proto[16];
+        snprintf(proto, sizeof proto, " 0x%04x ", protocol);
+        record("packet-send " + std::to_string(ifIndex) + proto + toHex(frame, len));
         if (int err = checkFail(Op::PacketSend, "")) {
             errno = err;
             return -1;
@@ -548,16 +665,15 @@ int FakeOs::packetSend(int /*fd*/, int ifIndex, const void* frame, size_t len) {
 }
 
 int FakeOs::packetWait(int /*fd*/, int timeoutMs) {
-    std::lock_guard<std::mutex> g(mu_);
+    std::unique_lock<std::mutex> g(mu_);
     if (int err = checkFail(Op::PacketWait, "")) {
         errno = err;
         return -1;
     }
-    if (!rxPackets_.empty()) {
-        return 1;
+    if (rxPackets_.empty() && timeoutMs > 0) {
+        sleepFor(g, static_cast<uint64_t>(timeoutMs)); // nothing to read: the time-out passes
     }
-    clockMs_ += static_cast<uint64_t>(timeoutMs); // nothing arrives: the time-out passes
-    return 0;
+    return rxPackets_.empty() ? 0 : 1;
 }
 
 int FakeOs::packetRecv(int /*fd*/, void* buf, size_t max) {
@@ -639,11 +755,13 @@ uint32_t FakeOs::uptime() {
 }
 
 void FakeOs::sleepSeconds(unsigned sec) {
-    advanceMillis(uint64_t(sec) * 1000);
+    std::unique_lock<std::mutex> g(mu_);
+    sleepFor(g, uint64_t(sec) * 1000);
 }
 
 void FakeOs::sleepMillis(unsigned ms) {
-    advanceMillis(ms);
+    std::unique_lock<std::mutex> g(mu_);
+    sleepFor(g, ms);
 }
 
 time_t FakeOs::wallClock() {

@@ -10,6 +10,15 @@
 // in typed records (shell lines, ioctls, kernel-file accesses, packets) that tests assert
 // exactly. Replies are scripted per operation group; failNth() makes the Nth matching
 // call of a group fail and tells afterwards whether it fired.
+//
+// The clock is virtual. A sleep (and a packet wait that finds nothing to read) on the thread
+// that created the fake moves the clock itself. On any other thread it blocks until the test
+// moves the clock past its deadline, so the daemon's threads run as real threads, tick by
+// tick: advanceMillis() steps from deadline to deadline and wakes one sleeper at a time, in
+// the order of their deadlines (ties: the one that fell asleep first), waiting each time
+// until the woken thread sleeps again (or ends) before it goes on. A sleep is a
+// cancellation point. The fake must outlive every thread that sleeps on it: destroying it
+// while a thread still sleeps aborts with a message.
 #pragma once
 
 #include "platform/hex.h"
@@ -21,7 +30,9 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
@@ -77,6 +88,7 @@ class FakeOs : public Os {
     };
     struct Packet {
         int ifIndex;
+        uint16_t protocol; // the EtherType of the link-layer address
         Bytes frame;
     };
 
@@ -116,9 +128,17 @@ class FakeOs : public Os {
     void setProcessId(int pid) { pid_ = pid; }
 
     // ---- clock ----------------------------------------------------------------------------
+    // Moves the clock forward; every thread whose sleep ends on the way runs until it sleeps
+    // again. Not to be called by a thread that sleeps on the fake.
     void advanceMillis(uint64_t ms);
     void advanceSeconds(uint32_t s) { advanceMillis(uint64_t(s) * 1000); }
     uint64_t nowMillis() const;
+    // Waits (real time, at most 20 s) until exactly `n` threads sleep on the clock and none of
+    // the threads it woke is still running. False when that did not happen.
+    bool settle(size_t n);
+    size_t sleepers() const;
+    // Descriptors handed out and not yet closed.
+    size_t openFds() const;
 
     // ---- records --------------------------------------------------------------------------
     std::vector<std::string> transcript() const;
@@ -156,7 +176,7 @@ class FakeOs : public Os {
     int netlinkRecv(int fd, void* buf, size_t max) override;
     int packetOpen(uint16_t etherType) override;
     int packetIfIndex(int fd, const char* ifName) override;
-    int packetSend(int fd, int ifIndex, const void* frame, size_t len) override;
+    int packetSend(int fd, int ifIndex, uint16_t protocol, const void* frame, size_t len) override;
     int packetWait(int fd, int timeoutMs) override;
     int packetRecv(int fd, void* buf, size_t max) override;
     void closeFd(int fd) override;
@@ -187,6 +207,16 @@ class FakeOs : public Os {
     int checkFail(Op op, const std::string& key);
     void record(const std::string& line); // caller holds mu_
 
+    // Clock internals; callers hold mu_ through `g`.
+    void sleepFor(std::unique_lock<std::mutex>& g, uint64_t ms);
+    void advanceLocked(std::unique_lock<std::mutex>& g, uint64_t ms);
+    void waitQuiet(std::unique_lock<std::mutex>& g);
+
+  public:
+    // Called when a thread that a clock step woke sleeps again, blocks in the fake or ends.
+    void backToSleep();
+
+  private:
     mutable std::mutex mu_;
     std::condition_variable netlinkCv_;
     std::string root_;
@@ -194,7 +224,14 @@ class FakeOs : public Os {
     int pid_ = 4242;
     static constexpr uint64_t kStartMillis = 1000000;
     uint64_t clockMs_ = kStartMillis; // uptime starts at 1000 s
-    time_t wallBase_ = 1700000000;    // wall clock starts at 2023-11-14 22:13:20 UTC
+    std::condition_variable clockCv_;
+    std::thread::id owner_;
+    // Sleeping threads by (deadline, ticket); tickets of the ones woken and not yet running.
+    std::set<std::pair<uint64_t, uint64_t>> sleepers_;
+    std::set<uint64_t> woken_;
+    uint64_t nextTicket_ = 1;
+    int running_ = 0;              // woken by a clock step and not yet asleep again
+    time_t wallBase_ = 1700000000; // wall clock starts at 2023-11-14 22:13:20 UTC
     uint32_t semKey_;
     std::vector<int> semIds_;
     int nextFd_ = 1000;
