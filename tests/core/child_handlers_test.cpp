@@ -11,7 +11,6 @@
 
 #include <array>
 #include <cstring>
-#include <functional>
 
 namespace {
 
@@ -30,7 +29,7 @@ class ChildHandlers : public WlanTest {
         mesh_config_reset();
         mesh_child_resetForTest();
         mesh_handle_clearCandidateChild();
-        ASSERT_EQ(0, mesh_log_open());
+        openLog();
         g_allConfig.meshEnable = 1;
         memcpy(g_allConfig.deviceMac, "\x00\x0c\x43\x01\x02\x03", 6);
         fake().onIoctl(SIOCGIWESSID, [this](FakeOs::Ioctl& r) {
@@ -40,8 +39,6 @@ class ChildHandlers : public WlanTest {
         ASSERT_EQ(0u, mesh_common_rsa_generateKey(&key));
     }
     void TearDown() override {
-        fclose(g_meshLog);
-        g_meshLog = nullptr;
         mesh_child_resetForTest();
         mesh_handle_clearCandidateChild();
         mesh_config_reset();
@@ -82,23 +79,16 @@ class ChildHandlers : public WlanTest {
         memset(payload + 6, digest, 16);
         return mesh_handle_addChild(payload);
     }
-    // Child requests at the driver: "add <mac> <data1Len> <data2Len>" or "del <mac>".
+    // Child requests at the driver: "add <mac> <data1Len><data2Len>" or "del <mac>", each MAC
+    // by its last byte.
     Lines driverChildren() {
         Lines out;
         for (const auto& r : fake().ioctls(RTPRIV_IOCTL_MESH)) {
-            const std::string m = toHex(r.payload.data(), 6);
+            const std::string m = toHex(&r.payload[5], 1);
             out.push_back(r.flags == MESH_SUBCMD_DEL_CHILD
                               ? "del " + m
-                              : "add " + m + " " + toHex(&r.payload[22], 1) + " " +
+                              : "add " + m + " " + toHex(&r.payload[22], 1) +
                                     toHex(&r.payload[151], 1));
-        }
-        return out;
-    }
-    Lines events() {
-        Lines out;
-        const std::string log = fake().readFile(MESH_LOG_PATH);
-        for (size_t at = 0, end; (end = log.find("\r\n", at)) != std::string::npos; at = end + 2) {
-            out.push_back(log.substr(at + 21, end - at - 21)); // without the stamp
         }
         return out;
     }
@@ -156,7 +146,7 @@ TEST_F(ChildHandlers, FullListMakesRoomForAnAdmittedChildOnly) {
     EXPECT_EQ("020000000001", c[0].substr(0, 12));
     EXPECT_EQ("020000000041", c[1].substr(0, 12));
     EXPECT_EQ("020000000053", c[19].substr(0, 12));
-    EXPECT_EQ(Lines{"add 020000000001 80 80"}, driverChildren()) << "its key made its blocks";
+    EXPECT_EQ(Lines{"add 01 8080"}, driverChildren()) << "its key made its blocks";
 
     // The same key from another address, and a removal, only move the station address.
     for (uint8_t flags : {1, 0}) {
@@ -173,50 +163,31 @@ TEST_F(ChildHandlers, FullListMakesRoomForAnAdmittedChildOnly) {
 TEST_F(ChildHandlers, AddDeleteAndOnlineKeepListTableAndDriverInStep) {
     hear(dev(0x01), sta(0x01)); // heard before it is admitted
     const struct {
-        std::function<uint32_t()> op;
+        char op; // 'a': add device `n` with digest bytes `digest`; 'd': delete device `n`
+        uint8_t n, digest;
         uint32_t rc;
         Lines driver;
         std::string list;
-        const char* error;
+        const char* error = nullptr;
     } steps[] = {
         // The heard child is re-added by its key's arrival, then admitted with both blocks.
-        {[&] { return add(dev(1), 0x11); },
-         0,
-         {"add 020000000001 80 80", "add 020000000001 80 80"},
-         "0111 ",
-         ""},
-        {[&] { return add(dev(2), 0x22) | add(dev(3), 0x33) | add(dev(4), 0x44); },
-         0,
-         {"add 020000000002 00 00", "add 020000000003 00 00", "add 020000000004 00 00"},
-         "0111 0222 0333 0444 ",
-         ""},
-        {[&] { return add(dev(5), 0x55); },
-         1,
-         {},
-         "0111 0222 0333 0444 ",
-         "exceed the allowed max child num"},
-        {[&] { return add(dev(1), 0x1f); },
-         0,
-         {"add 020000000001 80 80"},
-         "011f 0222 0333 0444 ",
-         ""},
-        {[&] { return mesh_handle_delChild(dev(1).data()); },
-         0,
-         {"del 020000000001"},
-         "0444 0222 0333 ",
-         ""},
-        {[&] { return mesh_handle_delChild(dev(1).data()); },
-         1,
-         {},
-         "0444 0222 0333 ",
-         "can't find the mac in l_childrsa "},
+        {'a', 1, 0x11, 0, {"add 01 8080", "add 01 8080"}, "0111 "},
+        {'a', 2, 0x22, 0, {"add 02 0000"}, "0111 0222 "},
+        {'a', 3, 0x33, 0, {"add 03 0000"}, "0111 0222 0333 "},
+        {'a', 4, 0x44, 0, {"add 04 0000"}, "0111 0222 0333 0444 "},
+        {'a', 5, 0x55, 1, {}, "0111 0222 0333 0444 ", "exceed the allowed max child num"},
+        {'a', 1, 0x1f, 0, {"add 01 8080"}, "011f 0222 0333 0444 "},
+        {'d', 1, 0, 0, {"del 01"}, "0444 0222 0333 "},
+        {'d', 1, 0, 1, {}, "0444 0222 0333 ", "can't find the mac in l_childrsa "},
     };
-    for (size_t i = 0; i < std::size(steps); ++i) {
+    for (const auto& s : steps) {
         fake().clearRecords();
-        EXPECT_EQ(steps[i].rc, steps[i].op()) << i;
-        EXPECT_EQ(steps[i].driver, driverChildren()) << i;
-        EXPECT_EQ(steps[i].list, childList()) << i;
-        EXPECT_EQ(*steps[i].error != 0 ? Lines{steps[i].error} : Lines{}, errors()) << i;
+        EXPECT_EQ(s.rc,
+                  s.op == 'a' ? add(dev(s.n), s.digest) : mesh_handle_delChild(dev(s.n).data()))
+            << s.list;
+        EXPECT_EQ(s.driver, driverChildren()) << s.list;
+        EXPECT_EQ(s.list, childList());
+        EXPECT_EQ(s.error != nullptr ? Lines{s.error} : Lines{}, errors()) << s.list;
     }
     EXPECT_EQ((Lines{"Add Child 02-00-00-00-00-01 SUCCESS. digest: 11-11",
                      "Add Child 02-00-00-00-00-02 SUCCESS. digest: 22-22",

@@ -5,8 +5,8 @@
 
 #include "core/mesh_config.h"
 #include "core/mesh_handle_scan.h"
-#include "platform/byteorder.h"
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 
@@ -19,39 +19,12 @@ class ScanHandlers : public WlanTest {
         mesh_config_reset();
         g_allConfig.meshEnable = 1;
         // One candidate parent in the survey: bssid 02:11:22:33:44:01, value 7, -50 dBm, mesh 1.
-        fake().onIoctl(RTPRIV_IOCTL_SCAN_TABLE, [](FakeOs::Ioctl& r) {
-            memset(r.data, 0, 4 + 72);
-            put_le32(r.data, 1);
-            put_le32(r.data + 4 + 40, 7);
-            put_le32(r.data + 4 + 44, static_cast<uint32_t>(-50));
-            memcpy(r.data + 4 + 64, "\x02\x11\x22\x33\x44\x01\x01", 7);
-            r.length = 4 + 72;
-            return 0;
-        });
+        scriptSurvey(fake(), 0, table(1, {{1, 7, -50, 1}}));
     }
     void TearDown() override {
         waitIdle();
         mesh_config_reset();
         WlanTest::TearDown();
-    }
-    // Holds every scan at its first driver step until open() is called.
-    void gateScans() {
-        fake().onShell("iwpriv apclii0 set SiteSurvey=1", [this](const std::string&) {
-            std::unique_lock<std::mutex> g(mu);
-            entered = true;
-            cv.notify_all();
-            cv.wait(g, [this] { return opened; });
-            return 0;
-        });
-    }
-    void waitEntered() {
-        std::unique_lock<std::mutex> g(mu);
-        cv.wait(g, [this] { return entered; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> g(mu);
-        opened = true;
-        cv.notify_all();
     }
     uint32_t start(uint32_t notify) {
         uint8_t req[8] = {};
@@ -70,7 +43,8 @@ class ScanHandlers : public WlanTest {
         EXPECT_EQ(0u, mesh_handle_getScanResult(reply));
         return toHex(reply, 1 + reply[0] * 10u);
     }
-    // Waits (a bounded while) until no scan runs.
+    // Waits (a bounded while) until no scan runs, moving the clock on while the scan thread
+    // sleeps between its survey steps.
     void waitIdle() {
         for (int i = 0; i < 5000; ++i) {
             pthread_mutex_lock(&g_scanMutex);
@@ -79,28 +53,31 @@ class ScanHandlers : public WlanTest {
             if (running == 0) {
                 return;
             }
-            usleep(1000);
+            if (fake().sleepers() > 0) {
+                fake().advanceMillis(100);
+            } else {
+                usleep(1000);
+            }
         }
         ADD_FAILURE() << "scan still running";
     }
-    size_t surveys() {
-        size_t n = 0;
-        for (const auto& l : fake().shellLines()) {
-            n += l == "iwpriv apclii0 set SiteSurvey=1";
-        }
-        return n;
+    long surveys() {
+        const Lines l = fake().shellLines();
+        return std::count(l.begin(), l.end(), "iwpriv apclii0 set SiteSurvey=1");
     }
-
-    std::mutex mu;
-    std::condition_variable cv;
-    bool entered = false;
-    bool opened = false;
 };
 
 TEST_F(ScanHandlers, SecondRequestStartsNothingAndAReaderWaitsForTheRunningScan) {
-    gateScans();
+    // The scan is held at its first driver step until the gate opens.
+    std::promise<void> entered, gate;
+    std::shared_future<void> opened = gate.get_future().share();
+    fake().onShell("iwpriv apclii0 set SiteSurvey=1", [&entered, opened](const std::string&) {
+        entered.set_value();
+        opened.wait();
+        return 0;
+    });
     ASSERT_EQ(0u, start(0));
-    waitEntered();
+    entered.get_future().wait();
     EXPECT_EQ(0u, start(0)) << "accepted, but no second scan";
     EXPECT_EQ(1u, state());
     std::atomic<bool> done{false};
@@ -110,11 +87,11 @@ TEST_F(ScanHandlers, SecondRequestStartsNothingAndAReaderWaitsForTheRunningScan)
         return r;
     });
     EXPECT_FALSE(done) << "type 11 returned while the scan still held its result";
-    open();
-    EXPECT_EQ(hexText("01 021122334401 07 2d ce 01"), reader.get());
+    gate.set_value();
     waitIdle();
+    EXPECT_EQ(hexText("01 021122334401 07 2d ce 01"), reader.get());
     EXPECT_EQ(0u, state());
-    EXPECT_EQ(1u, surveys());
+    EXPECT_EQ(1, surveys());
     EXPECT_EQ(hexText("01 021122334401 07 2d ce 01"), result()) << "kept after the scan";
 }
 
@@ -139,11 +116,10 @@ TEST_F(ScanHandlers, DisabledMeshAnswersNothing) {
     g_allConfig.meshEnable = 0;
     uint8_t reply[8];
     memset(reply, 0xee, sizeof reply);
-    EXPECT_EQ(1u, mesh_handle_scanCandidateAp(reply));
-    EXPECT_EQ(1u, mesh_handle_getScanState(reply));
-    EXPECT_EQ(1u, mesh_handle_getScanResult(reply));
+    EXPECT_EQ(1u, mesh_handle_scanCandidateAp(reply) & mesh_handle_getScanState(reply) &
+                      mesh_handle_getScanResult(reply));
     EXPECT_EQ(std::string(16, 'e'), toHex(reply, 8));
-    EXPECT_EQ(0u, surveys());
+    EXPECT_EQ(0, surveys());
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // Mesh element updates: the element records exactly as the driver receives them.
-#include "radio_fixture.h"
+#include "../wlan/wlan_fixture.h"
 
 #include "wlan/mesh_wlan_ie.h"
 
@@ -7,13 +7,10 @@
 
 namespace {
 
-using IeTest = RadioTest;
+using IeTest = WlanTest;
 
 const std::string kBeacon = "02 5a13c7029e41b86d33f0278ad4690be5 01 001122334455";
 
-std::string zeros(size_t n) {
-    return std::string(2 * n, '0');
-}
 template <typename T> T fromHex(const std::string& text) {
     Bytes b = hexBytes(text);
     EXPECT_EQ(sizeof(T), b.size());
@@ -84,21 +81,19 @@ TEST_F(IeTest, RefusedRequestsAndMissingArguments) {
     auto beacon = fromHex<MESH_IE_BASIC>(kBeacon);
     MESH_IE_PROBE_REQ probe{};
     fake().onIoctl(0x8BE1, [](FakeOs::Ioctl&) { return EOPNOTSUPP; });
-    EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("ra0", &beacon));
-    EXPECT_EQ(1u, mesh_wlan_deleteNormalApBeacon("ra0", &beacon));
-    EXPECT_EQ(1u, mesh_wlan_updateBkhApBeacon(&beacon));
-    EXPECT_EQ(1u, mesh_wlan_updateProbeReq(&probe));
-    EXPECT_EQ(1u, mesh_wlan_updateAssocReq(&beacon));
+    EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("ra0", &beacon) &
+                      mesh_wlan_deleteNormalApBeacon("ra0", &beacon) &
+                      mesh_wlan_updateBkhApBeacon(&beacon) & mesh_wlan_updateProbeReq(&probe) &
+                      mesh_wlan_updateAssocReq(&beacon));
     EXPECT_EQ(Lines(5, "call RT_PRIV_IOCTL fail"), errors());
     EXPECT_EQ(5u, fake().ioctls().size());
 
     fake().clearRecords();
-    EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("", &beacon));
-    EXPECT_EQ(1u, mesh_wlan_deleteNormalApBeacon("ra0", nullptr));
-    EXPECT_EQ(1u, mesh_wlan_updateBkhApBeacon(nullptr));
-    EXPECT_EQ(1u, mesh_wlan_updateProbeReq(nullptr));
-    EXPECT_EQ(1u, mesh_wlan_updateAssocReq(nullptr));
-    EXPECT_EQ(1u, mesh_wlan_updateProbeRes(nullptr));
+    // Each refusal answers 1: the conjunction is 1 only when all of them refuse.
+    EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("", &beacon) &
+                      mesh_wlan_deleteNormalApBeacon("ra0", nullptr) &
+                      mesh_wlan_updateBkhApBeacon(nullptr) & mesh_wlan_updateProbeReq(nullptr) &
+                      mesh_wlan_updateAssocReq(nullptr) & mesh_wlan_updateProbeRes(nullptr));
     EXPECT_TRUE(fake().ioctls().empty());
     EXPECT_TRUE(errors().empty());
 }

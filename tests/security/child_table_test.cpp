@@ -1,10 +1,10 @@
 // The child table: its four slots, and the pairing blocks it encrypts for each child and hands
 // to the driver, decrypted here with the child's own private key.
-#include "security_fixture.h"
+#include "../wlan/wlan_fixture.h"
 
 #include "core/mesh_config.h"
 #include "security/mesh_child.h"
-#include "wlan/mesh_wlan.h"
+#include "security/mesh_rsa.h"
 
 #include <functional>
 
@@ -18,34 +18,23 @@ const uint8_t kMac[5][6] = {{2, 0, 0, 0, 0, 0xa1},
 const uint8_t kSta1[6] = {0x0a, 0x11, 0x11, 0x11, 0x11, 0x11};
 const uint8_t kSta2[6] = {0x0a, 0x22, 0x22, 0x22, 0x22, 0x22};
 
-std::string rep(const std::string& hex, size_t n) {
-    std::string out;
-    while (n-- > 0) {
-        out += hex;
-    }
-    return out;
-}
-
-class ChildTableTest : public ::testing::Test {
+class ChildTableTest : public WlanTest {
   protected:
     void SetUp() override {
+        WlanTest::SetUp();
         mesh_config_reset();
         mesh_child_resetForTest();
-        mesh_wlan_resetForTest();
-        ASSERT_EQ(0u, mesh_api_init());
         for (size_t i = 0; i < sizeof g_meshRandom; ++i) {
             g_meshRandom[i] = static_cast<uint8_t>(i);
         }
-        strcpy(g_allConfig.controllerIpPort.ip, "10.0.0.2");
-        g_allConfig.controllerIpPort.value1 = 443;
-        g_allConfig.controllerIpPort.value2 = 7;
+        g_allConfig.controllerIpPort = {"10.0.0.2", 443, 7};
         strcpy(g_allConfig.orbpCfg.vintacId, "CTL-1");
         g_allConfig.orbpCfg.verCap = 0x0102;
     }
     void TearDown() override {
         mesh_child_resetForTest();
         mesh_config_reset();
-        mesh_wlan_resetForTest();
+        WlanTest::TearDown();
     }
     static uint32_t add(const uint8_t* mac) {
         MESH_CHILD_RECORD r{};
@@ -55,13 +44,13 @@ class ChildTableTest : public ::testing::Test {
     // The child-management requests the driver received: "add <record hex>", "del <mac hex>".
     Lines childRequests() {
         Lines out;
-        for (const auto& r : fake.ioctls(RTPRIV_IOCTL_MESH)) {
+        for (const auto& r : fake().ioctls(RTPRIV_IOCTL_MESH)) {
             EXPECT_EQ(280u, r.payload.size());
             out.push_back(r.flags == MESH_SUBCMD_ADD_CHILD
                               ? "add " + toHex(r.payload.data(), r.payload.size())
                               : "del " + toHex(r.payload.data(), 6));
         }
-        fake.clearRecords();
+        fake().clearRecords();
         return out;
     }
     static std::string decrypted(const MESH_RSA_KEY& key, const uint8_t* block) {
@@ -70,9 +59,6 @@ class ChildTableTest : public ::testing::Test {
         return toHex(plain.data(), plain.size());
     }
 
-    FakeOsScope scope;
-    FakeOs& fake = scope.fake;
-    OpensslDir dir;
     const std::string secret = "000102030405060708090a0b0c0d0e0f";
 };
 
@@ -80,28 +66,26 @@ TEST_F(ChildTableTest, FourSlotsClaimedLowestFirstAndReleasedWhole) {
     uint8_t sta[6];
     uint8_t probe[6] = {0x0a, 0x11, 0x11, 0x11, 0x11, 0x11};
     MESH_CHILD_RECORD rec;
-    struct Step {
+    const struct {
         std::function<uint32_t()> op;
         uint32_t rc;
-        const char* error; // "" = no error line
-    };
-    const Step steps[] = {
-        {[] { return add(kMac[0]) | add(kMac[1]) | add(kMac[2]) | add(kMac[3]); }, 0, ""},
-        {[] { return add(kMac[4]); }, 1, "child rsa entry is full"},
-        {[&] { return mesh_delChildRsaEntry(kMac[1], sta); }, 0, ""},
-        {[] { return add(kMac[2]); }, 1, "it's an existed mac"}, // although a slot is free
-        {[&] { return mesh_delChildRsaEntry(kMac[1], sta); }, 1,
-         "can't find the mac in l_childRsa"},
-        {[&] { return mesh_getChildStaMac(kMac[1], sta); }, 1, ""},
-        {[&] { return mesh_getChildRsaData(kMac[1], &rec); }, 1, ""},
-        {[&] { return mesh_getChildMacByStaMac(probe); }, 1, ""},
-        {[] { return add(kMac[4]); }, 0, ""}, // into the freed slot 1
+        Lines errors;
+    } steps[] = {
+        {[] { return add(kMac[0]) | add(kMac[1]) | add(kMac[2]) | add(kMac[3]); }, 0, {}},
+        {[] { return add(kMac[4]); }, 1, {"child rsa entry is full"}},
+        {[&] { return mesh_delChildRsaEntry(kMac[1], sta); }, 0, {}},
+        {[] { return add(kMac[2]); }, 1, {"it's an existed mac"}}, // although a slot is free
+        {[&] { return mesh_delChildRsaEntry(kMac[1], sta); },
+         1,
+         {"can't find the mac in l_childRsa"}},
+        {[&] { return mesh_getChildStaMac(kMac[1], sta); }, 1, {}},
+        {[&] { return mesh_getChildRsaData(kMac[1], &rec); }, 1, {}},
+        {[&] { return mesh_getChildMacByStaMac(probe); }, 1, {}},
+        {[] { return add(kMac[4]); }, 0, {}}, // into the freed slot 1
     };
     for (size_t i = 0; i < std::size(steps); ++i) {
         EXPECT_EQ(steps[i].rc, steps[i].op()) << i;
-        EXPECT_EQ(*steps[i].error != 0 ? Lines{steps[i].error} : Lines{},
-                  errorTexts(fake.takeStdout()))
-            << i;
+        EXPECT_EQ(steps[i].errors, errors()) << i;
     }
     for (size_t i = 0; i < 4; ++i) {
         EXPECT_EQ(toHex(kMac[i == 1 ? 4 : i], 6), toHex(mesh_child_slot(i)->mac, 6)) << i;
@@ -110,7 +94,7 @@ TEST_F(ChildTableTest, FourSlotsClaimedLowestFirstAndReleasedWhole) {
 
 TEST_F(ChildTableTest, BlocksMadeForTheHeardKeyAndRemadeOnControllerChanges) {
     MESH_RSA_KEY key;
-    ASSERT_TRUE(dir.genrsa("child.pem", &key));
+    ASSERT_EQ(0u, mesh_common_rsa_generateKey(&key)); // the child's own key
     // Slot 0: never heard; slot 1: heard. Both configured, digests 11.. and 5d..
     g_allConfig.childNum = 2;
     memcpy(g_allConfig.childList[0].mac, kMac[0], 6);
@@ -129,9 +113,9 @@ TEST_F(ChildTableTest, BlocksMadeForTheHeardKeyAndRemadeOnControllerChanges) {
     Bytes rec = hexBytes(reqs[0].substr(4));
     EXPECT_EQ("0200000000b2" + rep("5d", 16) + "80", toHex(rec.data(), 23));
     EXPECT_EQ("80", toHex(&rec[151], 1));
-    EXPECT_EQ(secret + "31302e302e302e32" + rep("00", 72) + "000001bb00000007" + rep("00", 13),
+    EXPECT_EQ(secret + "31302e302e302e32" + zeros(72) + "000001bb00000007" + zeros(13),
               decrypted(key, &rec[23]));
-    EXPECT_EQ(secret + "43544c2d31" + rep("00", 28) + "00000102" + rep("00", 64),
+    EXPECT_EQ(secret + "43544c2d31" + zeros(28) + "00000102" + zeros(64),
               decrypted(key, &rec[152]));
 
     // The same key from another station address: stored, nothing sent.
@@ -144,19 +128,15 @@ TEST_F(ChildTableTest, BlocksMadeForTheHeardKeyAndRemadeOnControllerChanges) {
 
     // A new controller address, not yet in the configuration: only the heard child is
     // removed, disconnected and admitted again, with the new address and the old identity.
-    MESH_CONTROLLER_IP_PORT addr{};
-    strcpy(addr.ip, "192.168.9.9");
-    addr.value1 = 8443;
-    addr.value2 = 1;
+    const MESH_CONTROLLER_IP_PORT addr = {"192.168.9.9", 8443, 1};
     ASSERT_EQ(0u, mesh_updateChildRsaControllerIpPort(&addr));
-    EXPECT_EQ(Lines{"iwpriv rai3 set DisConnectSta=0a:22:22:22:22:22"}, fake.shellLines());
+    EXPECT_EQ(Lines{"iwpriv rai3 set DisConnectSta=0a:22:22:22:22:22"}, fake().shellLines());
     reqs = childRequests();
     ASSERT_EQ(2u, reqs.size());
     EXPECT_EQ("del 0200000000b2", reqs[0]);
     const Bytes before = rec;
     rec = hexBytes(reqs[1].substr(4));
-    EXPECT_EQ(secret + "3139322e3136382e392e39" + rep("00", 69) + "000020fb00000001" +
-                  rep("00", 13),
+    EXPECT_EQ(secret + "3139322e3136382e392e39" + zeros(69) + "000020fb00000001" + zeros(13),
               decrypted(key, &rec[23]));
     EXPECT_EQ(toHex(&before[151], 129), toHex(&rec[151], 129));
 
@@ -168,12 +148,12 @@ TEST_F(ChildTableTest, BlocksMadeForTheHeardKeyAndRemadeOnControllerChanges) {
     reqs = childRequests();
     ASSERT_EQ(2u, reqs.size());
     rec = hexBytes(reqs[1].substr(4));
-    EXPECT_EQ(secret + rep("5a", 33) + "00000003" + rep("00", 64), decrypted(key, &rec[152]));
+    EXPECT_EQ(secret + rep("5a", 33) + "00000003" + zeros(64), decrypted(key, &rec[152]));
 
     // A heard child that left the configuration stops the re-encryption with an error.
     g_allConfig.childNum = 1;
     EXPECT_EQ(1u, mesh_updateChildRsaOrbpCfg(&id));
-    EXPECT_EQ(Lines{"coudn't found the entry in g_allConfig"}, errorTexts(fake.takeStdout()));
+    EXPECT_EQ(Lines{"coudn't found the entry in g_allConfig"}, errors());
     EXPECT_EQ(Lines{}, childRequests());
 }
 

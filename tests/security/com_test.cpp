@@ -3,7 +3,7 @@
 // and identity as a parent hands them over are checked in the parent handler's tests.)
 #include "security/mesh_com.h"
 
-#include "security_fixture.h"
+#include "../wlan/wlan_fixture.h"
 #include "service_socket.h"
 
 #include <functional>
@@ -14,13 +14,6 @@ namespace {
 std::string zeroFilled(const std::string& spaced, size_t total) {
     const std::string h = hexText(spaced);
     return h + std::string(2 * total - h.size(), '0');
-}
-std::string times(const char* hexByte, size_t n) {
-    std::string s;
-    while (n-- > 0) {
-        s += hexByte;
-    }
-    return s;
 }
 
 TEST(ComTest, EachMessageArrivesWholeAtItsSocketAndFailsAsDocumentedWithoutListener) {
@@ -48,7 +41,7 @@ TEST(ComTest, EachMessageArrivesWholeAtItsSocketAndFailsAsDocumentedWithoutListe
         {"wrp.sock", [&] { return static_cast<int>(mesh_com_setDestVintacId(&id)); }, 1,
          zeroFilled("57525051 0f002800 28000000 00000000 63746c2d37", 52) + "03000000"},
         {"wrp.sock", [&] { return static_cast<int>(mesh_com_setControllerIpPort(&longest)); }, 1,
-         hexText("57525051 03002200 0c010000 00000000") + times("61", 79) + times("00", 181) +
+         hexText("57525051 03002200 0c010000 00000000") + rep("61", 79) + zeros(181) +
              hexText("44332211 bb010000")},
     };
     for (const Case& c : cases) {

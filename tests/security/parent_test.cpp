@@ -1,15 +1,15 @@
 // The parent handler from the child's side: parent information arriving over netlink, the scan
 // that advertises the node, and pairing with a parent whose blocks the test encrypts under
-// this node's public key, with the passphrase checked against the openssl tool.
+// this node's public key.
 #include "security/mesh_parent.h"
 
-#include "core/mesh_log.h"
+#include "../wlan/wlan_fixture.h"
+#include "core/mesh_config.h"
 #include "security/mesh_netlink.h"
 #include "security/mesh_payload.h"
-#include "security_fixture.h"
+#include "security/mesh_rsa.h"
 #include "service_socket.h"
 #include "state/mesh_state_internal.h"
-#include "wlan/mesh_wlan.h"
 
 #include <thread>
 
@@ -21,50 +21,28 @@ const uint8_t kSecret[16] = {0x5e, 0xc0, 0x00, 0x01, 0xff, 0x80, 0x7f, 0x10,
 const MESH_CONTROLLER_IP_PORT kOwnAddr = {"192.168.1.2", 8080, 1};
 const MESH_CONTROLLER_IP_PORT kNewAddr = {"10.0.0.9", 0x0a0b0c0d, 7};
 
-std::string ascii(const std::string& s) {
-    return toHex(s.data(), s.size());
-}
-std::string zeros(size_t n) {
-    return std::string(2 * n, '0');
-}
-
-class ParentTest : public ::testing::Test {
+class ParentTest : public WlanTest {
   protected:
     void SetUp() override {
-        mesh_wlan_resetForTest();
-        ASSERT_EQ(0u, mesh_api_init());
+        WlanTest::SetUp();
         mesh_config_reset();
         mesh_parentHandler_resetModule();
         setRescanRequest(0);
-        ASSERT_EQ(0, mesh_log_open());
+        openLog();
         g_allConfig.controllerIpPort = kOwnAddr;
         strcpy(g_allConfig.orbpCfg.vintacId, "ctl-9");
         g_allConfig.orbpCfg.verCap = 5;
         ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&ours));
-        fake.clearRecords();
     }
     void TearDown() override {
         mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_PARENT_INFO);
-        fclose(g_meshLog);
-        g_meshLog = nullptr;
-        mesh_wlan_resetForTest();
-    }
-    // The event-log texts since the last call, without their stamps.
-    Lines events() {
-        Lines out;
-        const std::string log = fake.readFile(MESH_LOG_PATH);
-        for (size_t p = 0, e; (e = log.find("\r\n", p)) != std::string::npos; p = e + 2) {
-            out.push_back(log.substr(p + 21, e - p - 21));
-        }
-        Lines fresh(out.begin() + static_cast<long>(seenEvents), out.end());
-        seenEvents = out.size();
-        return fresh;
+        WlanTest::TearDown();
     }
     // The elements installed on the station since the last clear: "probe<flags byte>" (the
     // element starts at byte 15 of the driver's record) or "assoc".
     std::string installed() {
         std::string out;
-        for (const auto& r : fake.ioctls(RT_PRIV_IOCTL)) {
+        for (const auto& r : fake().ioctls(RT_PRIV_IOCTL)) {
             out +=
                 r.payload[0] == 2 ? "probe" + std::to_string(r.payload[15 + 18]) + " " : "assoc ";
         }
@@ -104,10 +82,7 @@ class ParentTest : public ::testing::Test {
         }
         return info;
     }
-    FakeOsScope scope;
-    FakeOs& fake = scope.fake;
     MESH_RSA_KEY ours;
-    size_t seenEvents = 0;
 };
 
 TEST_F(ParentTest, ParentInformationArrivesOverNetlinkAndAChangedModeAsksForARescan) {
@@ -119,10 +94,9 @@ TEST_F(ParentTest, ParentInformationArrivesOverNetlinkAndAChangedModeAsksForARes
         uint8_t channel;
         bool clearFirst; // a scan starts and clears the stored information
         uint32_t rescan;
-    };
-    const Row rows[] = {{14, 36, false, 1}, {14, 40, false, 0}, {9, 40, false, 1},
-                        {0, 44, true, 0},   {0, 44, false, 0},  {9, 44, true, 1}};
-    for (const Row& r : rows) {
+    } rows[] = {{14, 36, false, 1}, {14, 40, false, 0}, {9, 40, false, 1},
+                {0, 44, true, 0},   {0, 44, false, 0},  {9, 44, true, 1}};
+    for (const auto& r : rows) {
         if (r.clearFirst) {
             mesh_parentHandler_setParentInfo(nullptr);
             EXPECT_EQ("0 0 0", stored());
@@ -132,7 +106,7 @@ TEST_F(ParentTest, ParentInformationArrivesOverNetlinkAndAChangedModeAsksForARes
         msg.resize(24 + 280, 0x5a);
         msg[24 + 12] = r.channel;
         memcpy(&msg[24 + 16], &r.wlanMode, 4);
-        fake.queueNetlink(msg);
+        fake().queueNetlink(msg);
         mesh_netlink_monitorStep(&mon);
         EXPECT_EQ(r.rescan, getRescanRequest()) << r.wlanMode;
         MESH_PARENT_INFO got;
@@ -142,12 +116,12 @@ TEST_F(ParentTest, ParentInformationArrivesOverNetlinkAndAChangedModeAsksForARes
     }
     EXPECT_EQ(1u, mesh_parentHandler_getParentInfo(nullptr));
     handleNetlinkParent(nullptr);
-    EXPECT_EQ(Lines{"null pointer\n"}, errorTexts(fake.takeStdout()));
+    EXPECT_EQ(Lines{"null pointer\n"}, errors());
 
     // Leaving: the type is unregistered and the station switched off.
     ASSERT_EQ(0u, mesh_parentHandler_destroy());
     EXPECT_EQ((Lines{"brctl delif br0 apclii0 > /dev/null", "ifconfig apclii0 down"}),
-              fake.shellLines());
+              fake().shellLines());
     EXPECT_EQ(0u, mesh_parentHandler_init()) << "the slot is free again";
 }
 
@@ -162,7 +136,7 @@ TEST_F(ParentTest, MonitorThreadAndCommandThreadShareTheHandler) {
         Bytes msg = hexBytes("28010000 0000 0000 00000000 00000000 02000000 00000000");
         msg.resize(24 + 280, static_cast<uint8_t>(i));
         memcpy(&msg[24 + 16], &i, 4);
-        fake.queueNetlink(msg);
+        fake().queueNetlink(msg);
     }
     std::thread monitor([&] {
         for (int i = 0; i < kEvents; ++i) {
@@ -193,114 +167,83 @@ TEST_F(ParentTest, ScanBringsTheStationUpAdvertisesTheNodeAndStartsTheSurvey) {
     EXPECT_EQ((Lines{"ifconfig apclii0 up", "brctl addif br0 apclii0 > /dev/null",
                      "iwpriv apclii0 set ms_checkparent=1", "iwpriv apclii0 set ApCliEnable=0",
                      "iwpriv apclii0 set ms_restorechan=1", "iwpriv apclii0 set SiteSurvey=1"}),
-              fake.shellLines());
+              fake().shellLines());
     EXPECT_EQ("probe1 assoc ", installed()) << "looking for a parent";
-    EXPECT_EQ("", fake.takeStdout());
+    EXPECT_EQ("", fake().takeStdout());
 
     // Re-advertising after a settings change: only when the station exists, flags 0.
-    fake.clearRecords();
+    fake().clearRecords();
     ASSERT_EQ(0u, mesh_parentHandler_updateProbeReq());
-    fake.failNth(FakeOs::Op::Ioctl, "0x8913 apclii0", 1, ENODEV);
+    fake().failNth(FakeOs::Op::Ioctl, "0x8913 apclii0", 1, ENODEV);
     ASSERT_EQ(0u, mesh_parentHandler_updateProbeReq());
     EXPECT_EQ("probe0 ", installed());
 }
 
 TEST_F(ParentTest, ConnectJoinsTheParentWithTheDerivedCredentials) {
-    OpensslDir dir;
-    Bytes macSecret(kParentMac, kParentMac + 6);
-    macSecret.insert(macSecret.end(), kSecret, kSecret + 16);
-    dir.write("in.bin", macSecret);
-    ASSERT_TRUE(dir.run("openssl dgst -md5 -r in.bin > md5.txt"));
-    const Bytes md5 = dir.read("md5.txt");
-    const std::string passphrase(md5.begin(), md5.begin() + 32);
     MESH_RSA_KEY other;
     ASSERT_EQ(0u, mesh_common_rsa_generateKey(&other));
-
-    const std::string opId = hexText("57525051 0f002800 28000000 00000000");
-    const std::string newId = opId + ascii("ctl-new") + zeros(29) + "06000000";
-    const std::string noId = opId + zeros(40);
-    const std::string newAddr = hexText("57525051 03002200 0c010000 00000000") + ascii("10.0.0.9") +
+    // The identity ("ctl-new", 6; none) and the address (10.0.0.9, 0x0a0b0c0d, 7) operations.
+    const std::string newId =
+        hexText("57525051 0f002800 28000000 00000000 63746c2d6e6577") + zeros(29) + "06000000";
+    const std::string noId = hexText("57525051 0f002800 28000000 00000000") + zeros(40);
+    const std::string newAddr = hexText("57525051 03002200 0c010000 00000000 31302e302e302e39") +
                                 zeros(252) + hexText("0d0c0b0a 07000000");
     const Lines undecryptable = {"openssl decrypt failed\n", "decrypt failed\n",
                                  "unable to get ssid and passphrase"};
-    const std::string changed = "controller ip port cfg is changed";
-    struct Row {
-        const char* name;
+    const std::string changed = "controller ip port cfg is changed",
+                      idNew = "controller vintacId: ctl-new, verCap:6";
+    const struct {
         MESH_PARENT_INFO info;
         int32_t serviceResult;
         uint32_t rc;
-        Lines errors, events, messages;
-    };
-    const Row rows[] = {
-        {"new address and identity",
-         parent(kNewAddr, "ctl-new", ours, ours),
-         0,
-         0,
-         {},
-         {changed, "controller vintacId: ctl-new, verCap:6"},
-         {newId, newAddr}},
-        {"both as the node has them",
-         parent(kOwnAddr, "ctl-9", ours, ours),
-         0,
-         0,
-         {},
-         {"controller vintacId: ctl-9, verCap:6"},
-         {}},
-        {"no identity block",
-         parent(kOwnAddr, nullptr, ours, ours),
+        Lines errors = {}, events = {}, messages = {};
+    } rows[] = {
+        {parent(kNewAddr, "ctl-new", ours, ours), 0, 0, {}, {changed, idNew}, {newId, newAddr}},
+        {parent(kOwnAddr, "ctl-9", ours, ours), 0, 0, {}, {"controller vintacId: ctl-9, verCap:6"}},
+        {parent(kOwnAddr, nullptr, ours, ours),
          0,
          0,
          {},
          {"parent ap only support orbpv1, can not sync destId"},
          {noId}},
-        {"the service refuses both",
-         parent(kNewAddr, "ctl-new", ours, ours),
+        {parent(kNewAddr, "ctl-new", ours, ours),
          9,
          0,
          {"set controller ip port cfg fail"},
-         {changed, "controller vintacId: ctl-new, verCap:6", "set destVintacId fail"},
-         {newId, newAddr}},
-        {"address block for another key",
-         parent(kNewAddr, "ctl-new", other, ours),
-         0,
-         1,
-         undecryptable,
-         {},
-         {}},
-        {"identity block for another key",
-         parent(kNewAddr, "ctl-new", ours, other),
-         0,
-         1,
-         undecryptable,
-         {changed},
-         {}},
+         {changed, idNew, "set destVintacId fail"},
+         {newId, newAddr}}, // the service refuses
+        {parent(kNewAddr, "ctl-new", other, ours), 0, 1, undecryptable},
+        {parent(kNewAddr, "ctl-new", ours, other), 0, 1, undecryptable, {changed}},
     };
+    // The passphrase: md5 of the parent's MAC and the secret, computed with `openssl md5`.
+    const std::string sta = "iwpriv apclii0 set ";
     const Lines join = {"ifconfig apclii0 up",
-                        "iwpriv apclii0 set channel=36",
-                        "iwpriv apclii0 set ApCliEnable=0",
-                        "iwpriv apclii0 set ApCliAuthMode=WPA2PSK",
-                        "iwpriv apclii0 set ApCliEncrypType=AES",
-                        "iwpriv apclii0 set RekeyMethod=DISABLE",
-                        "iwpriv apclii0 set ApCliWPAPSK=" + passphrase,
-                        "iwpriv apclii0 set ApCliSsid=mesh_001122aabbcc",
-                        "iwpriv apclii0 set ApCliEnable=1"};
-    for (const Row& r : rows) {
-        ServiceSocket service(fake.rooted("/var/run/wrp.sock"), r.serviceResult);
-        fake.clearRecords();
+                        sta + "channel=36",
+                        sta + "ApCliEnable=0",
+                        sta + "ApCliAuthMode=WPA2PSK",
+                        sta + "ApCliEncrypType=AES",
+                        sta + "RekeyMethod=DISABLE",
+                        sta + "ApCliWPAPSK=c947147224c3268c73508b30131cf5d7",
+                        sta + "ApCliSsid=mesh_001122aabbcc",
+                        sta + "ApCliEnable=1"};
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const auto& r = rows[i];
+        ServiceSocket service(fake().rooted("/var/run/wrp.sock"), r.serviceResult);
+        fake().clearRecords();
         mesh_parentHandler_setParentInfo(&r.info);
-        EXPECT_EQ(r.rc, mesh_parentHandler_connect()) << r.name;
-        EXPECT_EQ(r.errors, errorTexts(fake.takeStdout())) << r.name;
-        EXPECT_EQ(r.events, events()) << r.name;
-        EXPECT_EQ(r.messages, service.take(r.messages.size())) << r.name;
-        EXPECT_EQ(r.rc == 0 ? join : Lines{}, fake.shellLines()) << r.name;
-        EXPECT_EQ(r.rc == 0 ? "probe0 " : "", installed()) << r.name;
+        EXPECT_EQ(r.rc, mesh_parentHandler_connect()) << i;
+        EXPECT_EQ(r.errors, errors()) << i;
+        EXPECT_EQ(r.events, events()) << i;
+        EXPECT_EQ(r.messages, service.take(r.messages.size())) << i;
+        EXPECT_EQ(r.rc == 0 ? join : Lines{}, fake().shellLines()) << i;
+        EXPECT_EQ(r.rc == 0 ? "probe0 " : "", installed()) << i;
     }
 
-    fake.clearRecords();
+    fake().clearRecords();
     mesh_parentHandler_setParentInfo(nullptr);
     EXPECT_EQ(1u, mesh_parentHandler_connect());
-    EXPECT_EQ(Lines{}, fake.transcript());
-    EXPECT_EQ("", fake.takeStdout());
+    EXPECT_EQ(Lines{}, fake().transcript());
+    EXPECT_EQ("", fake().takeStdout());
 }
 
 } // namespace

@@ -8,16 +8,22 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <mutex>
 #include <poll.h>
+#include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 class ServiceSocket {
   public:

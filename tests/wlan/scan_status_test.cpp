@@ -2,73 +2,31 @@
 #include "wlan_fixture.h"
 
 #include "core/mesh_msg.h"
-#include "platform/byteorder.h"
 #include "wlan/mesh_wlan_scan.h"
 
 #include <cstring>
-#include <memory>
 
 namespace {
 
 using ScanStatus = WlanTest;
 
-// A survey entry: bssid 02:11:22:33:44:<last> (all zero for last 0), the u32 at 40, rssi, and
-// meshAttr. Entries are 72 bytes; the fields the daemon does not read hold noise.
-struct Entry {
-    uint8_t last;
-    uint32_t v40;
-    int32_t rssi;
-    uint8_t meshAttr;
-};
-Bytes table(uint32_t count, const std::vector<Entry>& entries) {
-    Bytes t(4 + 72 * entries.size(), 0xA5);
-    put_le32(t.data(), count);
-    uint8_t* e = &t[4];
-    for (const Entry& x : entries) {
-        put_le32(e + 40, x.v40);
-        put_le32(e + 44, static_cast<uint32_t>(x.rssi));
-        const Bytes bssid = x.last == 0 ? Bytes(6, 0) : Bytes{2, 0x11, 0x22, 0x33, 0x44, x.last};
-        memcpy(e + 64, bssid.data(), 6);
-        e[70] = x.meshAttr;
-        e += 72;
-    }
-    return t;
-}
-// Answers the survey request with `busy` EAGAINs, then with `t` and length `len` (the whole
-// table when 0). The fake calls a copy of the handler, so the countdown lives outside it.
-void scriptSurvey(FakeOs& f, int busy, Bytes t, uint16_t len = 0) {
-    auto left = std::make_shared<int>(busy);
-    f.onIoctl(RTPRIV_IOCTL_SCAN_TABLE, [left, t, len](FakeOs::Ioctl& r) {
-        if ((*left)-- > 0) {
-            return EAGAIN;
-        }
-        memcpy(r.data, t.data(), t.size());
-        r.length = len != 0 ? len : static_cast<uint16_t>(t.size());
-        return 0;
-    });
-}
-
-TEST_F(ScanStatus, ActiveScanAndStationConfiguration) {
-    EXPECT_EQ(0u, mesh_wlan_startActiveScan(nullptr));
+TEST_F(ScanStatus, StationSetsOnlyItsBandsChannelsAndReadsThePassphraseWithinItsField) {
     MESH_WLAN_CREDENTIALS cred{};
     memcpy(cred.ssid, "mesh_0a1b2c3d4e5f", 17);
-    memset(cred.passphrase, 'p', sizeof cred.passphrase); // unterminated: read with its bound
-    EXPECT_EQ(0u, mesh_wlan_configSta(nullptr, 149));
-    EXPECT_EQ(0u, mesh_wlan_configSta(&cred, 149));
+    memset(cred.passphrase, 'p', sizeof cred.passphrase); // unterminated
     const std::string sta = "iwpriv apclii0 set ";
-    EXPECT_EQ((Lines{sta + "ApCliEnable=0", sta + "ms_restorechan=1", sta + "SiteSurvey=1",
-                     "ifconfig apclii0 up", sta + "channel=149", sta + "ApCliEnable=0",
-                     sta + "ApCliAuthMode=WPA2PSK", sta + "ApCliEncrypType=AES",
-                     sta + "RekeyMethod=DISABLE", sta + "ApCliWPAPSK=" + std::string(33, 'p'),
-                     sta + "ApCliSsid=mesh_0a1b2c3d4e5f", sta + "ApCliEnable=1"}),
-              fake().shellLines());
     for (int ch : {0, 35, 36, 48, 49, 52, 100, 148, 149, 165, 166, 255}) {
         fake().clearRecords();
-        mesh_wlan_configSta(&cred, static_cast<uint8_t>(ch));
-        bool set = (ch >= 36 && ch <= 48) || (ch >= 149 && ch <= 165);
-        EXPECT_EQ(set ? 9u : 8u, fake().shellLines().size()) << ch;
-        EXPECT_EQ(set, fake().shellLines()[1] == sta + "channel=" + std::to_string(ch));
+        EXPECT_EQ(0u, mesh_wlan_configSta(&cred, static_cast<uint8_t>(ch)));
+        const Lines l = fake().shellLines();
+        const bool set = (ch >= 36 && ch <= 48) || (ch >= 149 && ch <= 165);
+        ASSERT_EQ(set ? 9u : 8u, l.size()) << ch;
+        EXPECT_EQ(set, l[1] == sta + "channel=" + std::to_string(ch));
+        EXPECT_EQ(sta + "ApCliWPAPSK=" + std::string(33, 'p'), l[l.size() - 3]);
     }
+    fake().clearRecords();
+    EXPECT_EQ(0u, mesh_wlan_configSta(nullptr, 149));
+    EXPECT_EQ(Lines{}, fake().shellLines());
 }
 
 TEST_F(ScanStatus, SurveyRetriesWhileTheDriverIsBusyAndGivesUpAfterFifteenAttempts) {
@@ -125,8 +83,8 @@ TEST_F(ScanStatus, SurveyTableLengthAndCountBoundTheWalk) {
     EXPECT_EQ(0u, mesh_wlan_scanParentAp(nullptr, &count, out));
     EXPECT_EQ(0, count);
     EXPECT_TRUE(errors().empty());
-    EXPECT_EQ(1u, mesh_wlan_scanParentAp(nullptr, nullptr, out));
-    EXPECT_EQ(1u, mesh_wlan_scanParentAp(nullptr, &count, nullptr));
+    EXPECT_EQ(1u, mesh_wlan_scanParentAp(nullptr, nullptr, out) &
+                      mesh_wlan_scanParentAp(nullptr, &count, nullptr));
     EXPECT_EQ(Lines(2, "input is NULL\n"), errors());
 }
 
@@ -196,40 +154,35 @@ TEST_F(ScanStatus, OnlineChildrenFromTheStationTable) {
     fake().failNth(FakeOs::Op::Ioctl, "0x8BFC rai3", 1, EPERM);
     EXPECT_EQ(1u, mesh_wlan_getOnlineChild(&count, out, 16));
     EXPECT_EQ(9, count);
-    EXPECT_EQ(1u, mesh_wlan_getOnlineChild(nullptr, out, 16));
-    EXPECT_EQ(1u, mesh_wlan_getOnlineChild(&count, nullptr, 16));
+    EXPECT_EQ(1u, mesh_wlan_getOnlineChild(nullptr, out, 16) &
+                      mesh_wlan_getOnlineChild(&count, nullptr, 16));
     EXPECT_EQ(
         (Lines{"sta info too short\n", "ioctl rai3 failed, reason: Operation not permitted\n"}),
         errors());
 }
 
-TEST_F(ScanStatus, StationStatusAndCommandType17) {
-    uint32_t word = 5;
+TEST_F(ScanStatus, CommandType17AnswersTheStationStatusAsZeroOrOne) {
+    uint32_t word = 0;
     fake().onIoctl(RTPRIV_IOCTL_MESH, [&word](FakeOs::Ioctl& r) {
         memcpy(r.data, &word, 4);
         return 0;
     });
-    int32_t status = -5;
-    EXPECT_EQ(0u, mesh_wlan_getStaStatus(&status));
-    EXPECT_EQ(1, status);
-    word = 0;
-    EXPECT_EQ(0u, mesh_wlan_getStaStatus(&status));
-    EXPECT_EQ(0, status);
-    expectRequest(fake().ioctls().at(0), RTPRIV_IOCTL_MESH, "apclii0", 4, Bytes(4, 0));
-    EXPECT_EQ(1u, mesh_wlan_getStaStatus(nullptr));
-
-    // Type 17 writes the status into payload offset 0; refused, the word keeps its value.
     MESH_CMD_MSG msg;
     memset(&msg, 0x33, sizeof msg);
     msg.type = MESH_CMD_GET_STA_STATUS;
-    word = 1;
-    EXPECT_EQ(0u, mesh_cmd_handle(&msg));
-    EXPECT_EQ(hexText("11000000 33333333 01000000 33333333"), toHex(&msg, 16));
+    for (auto [driver, status] : {std::pair{5u, "01000000"}, {0u, "00000000"}}) {
+        word = driver;
+        EXPECT_EQ(0u, mesh_cmd_handle(&msg));
+        EXPECT_EQ(hexText("11000000 33333333") + status + "33333333", toHex(&msg, 16));
+    }
+    expectRequest(fake().ioctls().at(0), RTPRIV_IOCTL_MESH, "apclii0", 4, Bytes(4, 0));
+    // Refused: the payload keeps its value.
     fake().failNth(FakeOs::Op::Ioctl, "0x8BF5 apclii0", 1, ENODEV);
     msg.payload[0] = 7;
     EXPECT_EQ(1u, mesh_cmd_handle(&msg));
     EXPECT_EQ(hexText("11000000 33333333 07000000 33333333"), toHex(&msg, 16));
     EXPECT_EQ(Lines{"call RTPRIV_IOCTL_MESH fail(No such device)"}, errors());
+    EXPECT_EQ(1u, mesh_wlan_getStaStatus(nullptr));
 }
 
 } // namespace

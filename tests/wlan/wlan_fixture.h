@@ -1,44 +1,78 @@
 // Shared fixture of the driver-adapter tests: the fake system with real sed, the adapter
-// started as the daemon starts it, and a realistic driver profile on disk.
+// started as the daemon starts it, a realistic driver profile on disk, and the event log.
 #pragma once
 
+#include "core/mesh_log.h"
 #include "fake_os.h"
+#include "platform/byteorder.h"
 #include "test_util.h"
 #include "wlan/mesh_wlan.h"
 #include "wlan/mesh_wlan_dat.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 // A profile as the driver ships it: header and comments, plain keys, the indexed SSID and
 // WPAPSK keys with their bare base keys, per-VAP lists for 4 VAPs, and CRLF lines.
 inline std::string realisticProfile() {
-    return "#The word of \"Default\" must not be removed\n"
-           "Default\n"
-           "BssidNum=4\n"
-           "SSID=\n"
-           "SSID1=HomeNet-5G\n"
-           "SSID2=Guest 5G\r\n"
-           "SSID3=\n"
-           "SSID4=mesh_000000000000\n"
-           "# radio\n"
-           "HT_BW=1\n"
-           "VHT_BW=1\n"
-           "HT_BSSCoexistence=0\r\n"
-           "HT_EXTCHA=1\n"
-           "AutoChannelSelect=3\n"
-           "Channel=36\r\n"
-           "\n"
-           "AuthMode=WPA2PSK;WPA2PSK;OPEN;OPEN\n"
-           "EncrypType=AES;AES;NONE;NONE\r\n"
-           "RekeyMethod=TIME;TIME;DISABLE;DISABLE\n"
-           "HideSSID=0;0;0;0\n"
-           "WPAPSK=\n"
-           "WPAPSK1=12345678\n"
-           "WPAPSK2=\n"
-           "WPAPSK3=\n"
-           "WPAPSK4=\n";
+    return "#The word of \"Default\" must not be removed\nDefault\nBssidNum=4\nSSID=\n"
+           "SSID1=HomeNet-5G\nSSID2=Guest 5G\r\nSSID3=\nSSID4=mesh_000000000000\n"
+           "# radio\nHT_BW=1\nVHT_BW=1\nHT_BSSCoexistence=0\r\nHT_EXTCHA=1\n"
+           "AutoChannelSelect=3\nChannel=36\r\n\nAuthMode=WPA2PSK;WPA2PSK;OPEN;OPEN\n"
+           "EncrypType=AES;AES;NONE;NONE\r\nRekeyMethod=TIME;TIME;DISABLE;DISABLE\n"
+           "HideSSID=0;0;0;0\nWPAPSK=\nWPAPSK1=12345678\nWPAPSK2=\nWPAPSK3=\nWPAPSK4=\n";
+}
+
+// `n` zero bytes, and `n` times the bytes `hex`, as hex text.
+inline std::string zeros(size_t n) {
+    return std::string(2 * n, '0');
+}
+inline std::string rep(const std::string& hex, size_t n) {
+    std::string out;
+    while (n-- > 0) {
+        out += hex;
+    }
+    return out;
+}
+
+// A survey entry: bssid 02:11:22:33:44:<last> (all zero for last 0), the u32 at 40, rssi, and
+// meshAttr. Entries are 72 bytes; the fields the daemon does not read hold noise.
+struct Entry {
+    uint8_t last;
+    uint32_t v40;
+    int32_t rssi;
+    uint8_t meshAttr;
+};
+inline Bytes table(uint32_t count, const std::vector<Entry>& entries) {
+    Bytes t(4 + 72 * entries.size(), 0xA5);
+    put_le32(t.data(), count);
+    uint8_t* e = &t[4];
+    for (const Entry& x : entries) {
+        put_le32(e + 40, x.v40);
+        put_le32(e + 44, static_cast<uint32_t>(x.rssi));
+        const Bytes bssid = x.last == 0 ? Bytes(6, 0) : Bytes{2, 0x11, 0x22, 0x33, 0x44, x.last};
+        memcpy(e + 64, bssid.data(), 6);
+        e[70] = x.meshAttr;
+        e += 72;
+    }
+    return t;
+}
+// Answers the survey request with `busy` EAGAINs, then with `t` and length `len` (the whole
+// table when 0). The fake calls a copy of the handler, so the countdown lives outside it.
+inline void scriptSurvey(FakeOs& f, int busy, Bytes t, uint16_t len = 0) {
+    auto left = std::make_shared<int>(busy);
+    f.onIoctl(RTPRIV_IOCTL_SCAN_TABLE, [left, t, len](FakeOs::Ioctl& r) {
+        if ((*left)-- > 0) {
+            return EAGAIN;
+        }
+        memcpy(r.data, t.data(), t.size());
+        r.length = len != 0 ? len : static_cast<uint16_t>(t.size());
+        return 0;
+    });
 }
 
 class WlanTest : public ::testing::Test {
@@ -50,12 +84,31 @@ class WlanTest : public ::testing::Test {
         fake().writeFile(MTK_DAT_PATH, realisticProfile());
         fake().clearRecords();
     }
-    void TearDown() override { mesh_wlan_resetForTest(); }
+    void TearDown() override {
+        if (g_meshLog != nullptr) {
+            fclose(g_meshLog);
+            g_meshLog = nullptr;
+        }
+        mesh_wlan_resetForTest();
+    }
 
     FakeOs& fake() { return scope_.fake; }
     std::string profile() { return fake().readFile(MTK_DAT_PATH); }
     std::string datPath() { return fake().rooted(MTK_DAT_PATH); }
     Lines errors() { return errorTexts(fake().takeStdout()); }
+    // The event-log texts written since the last call (the log is opened by openLog()), without
+    // their stamps.
+    void openLog() { ASSERT_EQ(0, mesh_log_open()); }
+    Lines events() {
+        Lines out;
+        const std::string log = fake().readFile(MESH_LOG_PATH);
+        for (size_t p = 0, e; (e = log.find("\r\n", p)) != std::string::npos; p = e + 2) {
+            out.push_back(log.substr(p + 21, e - p - 21));
+        }
+        out.erase(out.begin(),
+                  out.begin() + static_cast<long>(std::exchange(seenEvents_, out.size())));
+        return out;
+    }
     // `text` with each `from` (first occurrence, which must exist) replaced by its `to`.
     static std::string edited(std::string text,
                               std::initializer_list<std::pair<std::string, std::string>> edits) {
@@ -68,4 +121,5 @@ class WlanTest : public ::testing::Test {
     }
 
     FakeOsScope scope_;
+    size_t seenEvents_ = 0;
 };
