@@ -4,7 +4,8 @@ JOBS ?= $(shell nproc)
 MAKEFLAGS += --no-print-directory
 CTEST_ARGS ?= --output-on-failure -j$(JOBS)
 
-.PHONY: all build configure test bootstrap demo node bench asan tsan format cppcheck clean cross size
+.PHONY: all build configure test bootstrap demo node bench asan tsan format cppcheck clean cross size \
+	fuzz fuzz-build fuzz-smoke
 
 all: build
 
@@ -22,6 +23,7 @@ bootstrap:
 # Everything a newcomer needs, then the build, then every test.
 test: build
 	@cd $(BUILD) && ctest $(CTEST_ARGS)
+	@if [ -n "$(FUZZ_CXX)" ]; then $(MAKE) fuzz-smoke; else echo "fuzz-smoke skipped: no clang"; fi
 
 demo: build
 	@scripts/demo $(BUILD)
@@ -35,6 +37,24 @@ node: build
 bench: build
 	@for b in $(BUILD)/bench_*; do echo "== $$b"; $$b || exit 1; done
 	@echo "== bench/mesh16"; bench/mesh16 $(BUILD)
+
+# libFuzzer targets (fuzz/), built with clang in build-fuzz/. `make fuzz` runs each for
+# FUZZ_SECONDS; `make fuzz-smoke` runs each on its seed corpus plus a few thousand inputs.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_CXX ?= $(shell command -v clang++-14 || command -v clang++)
+FUZZ_CC ?= $(shell command -v clang-14 || command -v clang)
+
+fuzz-build: bootstrap
+	@cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZORMESH_FUZZ=ON \
+	  -DCMAKE_C_COMPILER=$(FUZZ_CC) -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) >/dev/null
+	@cmake --build $(FUZZ_BUILD) -j$(JOBS)
+
+fuzz: fuzz-build
+	@scripts/fuzz run $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+fuzz-smoke: fuzz-build
+	@scripts/fuzz smoke $(FUZZ_BUILD)
 
 asan: bootstrap
 	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DZORMESH_SANITIZE=address,undefined >/dev/null
@@ -71,4 +91,4 @@ size:
 	@JOBS=$(JOBS) scripts/size $(SIZE_ARCHS)
 
 clean:
-	@rm -rf $(BUILD) build-asan build-tsan build-size-*
+	@rm -rf $(BUILD) build-asan build-tsan build-size-* $(FUZZ_BUILD)

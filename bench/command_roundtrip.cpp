@@ -1,8 +1,13 @@
-// Round trips per second of the daemon's command connection (an unserved type) against a
-// plain echo server that uses the same framing over the same kind of socket, in one run.
+// The command socket under load, side by side with a bare echo server of the same framing:
 //
-// Both sides serve one request per connection, as the command socket does: connect, send
-// header and 1456-byte body, receive header and body, close.
+// - RoundTrip/daemon and RoundTrip/echo: one request per connection, as the command socket
+//   serves them (connect, send header and 1456-byte body, receive header and body, close).
+//   The daemon answers through its real serving loop (an unserved type, so the handler does
+//   nothing); the echo server accepts, receives, sends back and closes with nothing else.
+// - GoodClientBehindStallers/N: N clients connect and send nothing, then one client sends a
+//   whole request; the time is that client's round trip alone.
+//
+// Pin to one CPU to compare the two round trips: taskset -c 0 build/bench_command_roundtrip
 #include "core/mesh_main.h"
 #include "core/mesh_msg.h"
 #include "platform/byteorder.h"
@@ -10,6 +15,7 @@
 #include "platform/unix_sock.h"
 
 #include <atomic>
+#include <benchmark/benchmark.h>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -18,8 +24,11 @@
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
+
+constexpr int kMsgSize = UNIX_SOCK_HEADER_SIZE + MESH_CMD_MSG_LEN;
 
 // The Linux platform with its fixed paths under a temporary directory, so the benchmark
 // never touches a daemon running on this machine.
@@ -35,106 +44,156 @@ class RootedLinuxOs : public LinuxOs {
     std::string root_;
 };
 
-bool recvAll(int fd, uint8_t* buf, size_t len) {
-    while (len > 0) {
-        ssize_t n = recv(fd, buf, len, 0);
-        if (n <= 0) {
-            return false;
-        }
-        buf += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool oneRoundTrip(const char* path) {
-    int fd = unix_sock_connectPath(path);
-    if (fd < 0) {
-        return false;
-    }
-    uint8_t msg[16 + MESH_CMD_MSG_LEN] = {};
+void request(uint8_t* msg) {
+    memset(msg, 0, kMsgSize);
     put_le32(msg, UNIX_SOCK_MAGIC);
     put_le32(msg + 4, MESH_CMD_MSG_CODE);
     put_le32(msg + 8, MESH_CMD_MSG_LEN);
     put_le32(msg + 16, 23); // a type nobody serves
-    bool ok = send(fd, msg, sizeof msg, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof msg) &&
-              recvAll(fd, msg, sizeof msg);
+}
+
+bool roundTrip(const char* path) {
+    int fd = unix_sock_connectPath(path);
+    if (fd < 0) {
+        return false;
+    }
+    uint8_t msg[kMsgSize];
+    request(msg);
+    bool ok = send(fd, msg, sizeof msg, MSG_NOSIGNAL) == kMsgSize &&
+              recv(fd, msg, sizeof msg, MSG_WAITALL) == kMsgSize;
     close(fd);
     return ok;
 }
 
-// The same framing, nothing else: accept, receive header and body, send them back.
-void echoOne(int listenFd) {
-    int conn = accept(listenFd, nullptr, nullptr);
-    if (conn < 0) {
-        return;
+// The daemon's command server and the echo server, each on its own thread, for the whole
+// run of the program.
+class Servers {
+  public:
+    static Servers& get() {
+        static Servers s;
+        return s;
     }
-    int32_t len = 0;
-    uint8_t body[MESH_CMD_MSG_LEN];
-    if (unix_sock_recvHeader(conn, MESH_CMD_MSG_CODE, &len) == 0 && len == MESH_CMD_MSG_LEN &&
-        unix_sock_recvData(conn, len, body) == 0) {
-        unix_sock_sendHeader(conn, len, MESH_CMD_MSG_CODE);
-        unix_sock_sendData(conn, body, len);
-    }
-    close(conn);
-}
+    const char* daemonPath() const { return daemon_.path; }
+    const char* echoPath() const { return echo_.path; }
 
-double measure(const char* path, int listenFd, bool daemon, int count) {
-    std::thread server([&] {
-        for (int i = 0; i < count; ++i) {
-            if (daemon) {
-                mesh_receive_cmd(listenFd);
-            } else {
-                echoOne(listenFd);
+    ~Servers() {
+        stop_ = true;
+        roundTrip(daemon_.path); // wakes each loop once more
+        roundTrip(echo_.path);
+        daemonThread_.join();
+        echoThread_.join();
+        close(daemon_.listenFd);
+        close(echo_.listenFd);
+        std::string cleanup = "rm -rf '" + root_ + "'";
+        if (std::system(cleanup.c_str()) != 0) {
+            fprintf(stderr, "could not remove %s\n", root_.c_str());
+        }
+    }
+
+  private:
+    Servers() : root_(makeRoot()), os_(root_) {
+        setOs(&os_);
+        if (unix_sock_initSrv(MESH_CMD_SRV_ID, &daemon_, MESH_CMD_SRV_BACKLOG) != 0 ||
+            unix_sock_initSrv(99, &echo_, MESH_CMD_SRV_BACKLOG) != 0) {
+            perror("unix_sock_initSrv");
+            exit(1);
+        }
+        daemonThread_ = std::thread([this] { serveDaemon(); });
+        echoThread_ = std::thread([this] { serveEcho(); });
+    }
+
+    static std::string makeRoot() {
+        char tmpl[] = "/tmp/zormesh-bench-XXXXXX";
+        if (mkdtemp(tmpl) == nullptr) {
+            perror("mkdtemp");
+            exit(1);
+        }
+        return tmpl;
+    }
+
+    // The daemon's serving loop: wait for the command server, serve one connection.
+    void serveDaemon() {
+        while (!stop_) {
+            UNIX_SOCK_GROUP group;
+            unix_sock_groupClear(&group);
+            unix_sock_groupAddTo(daemon_.listenFd, &group);
+            if (unix_sock_groupWait(&group, MESH_CMD_WAIT_TIMEOUT) > 0 &&
+                unix_sock_isSet(daemon_.listenFd, &group)) {
+                mesh_receive_cmd(daemon_.listenFd);
             }
         }
-    });
-    auto start = std::chrono::steady_clock::now();
-    int failures = 0;
-    for (int i = 0; i < count; ++i) {
-        failures += oneRoundTrip(path) ? 0 : 1;
     }
-    server.join();
-    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (failures != 0) {
-        fprintf(stderr, "%d round trips failed\n", failures);
-        exit(1);
+
+    // The same framing and nothing else: accept, receive header and body, send them back.
+    void serveEcho() {
+        while (!stop_) {
+            int conn = accept(echo_.listenFd, nullptr, nullptr);
+            if (conn < 0) {
+                continue;
+            }
+            uint8_t msg[kMsgSize];
+            if (recv(conn, msg, sizeof msg, MSG_WAITALL) == kMsgSize) {
+                send(conn, msg, sizeof msg, MSG_NOSIGNAL);
+            }
+            close(conn);
+        }
     }
-    return count / secs;
+
+    std::string root_;
+    RootedLinuxOs os_;
+    UNIX_SOCK_SRV_CTX daemon_{};
+    UNIX_SOCK_SRV_CTX echo_{};
+    std::atomic<bool> stop_{false};
+    std::thread daemonThread_;
+    std::thread echoThread_;
+};
+
+void RoundTrip(benchmark::State& state, bool daemon) {
+    Servers& s = Servers::get();
+    const char* path = daemon ? s.daemonPath() : s.echoPath();
+    for (auto _ : state) {
+        if (!roundTrip(path)) {
+            state.SkipWithError("round trip failed");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
 }
+BENCHMARK_CAPTURE(RoundTrip, daemon, true)->UseRealTime();
+BENCHMARK_CAPTURE(RoundTrip, echo, false)->UseRealTime();
+
+void GoodClientBehindStallers(benchmark::State& state) {
+    Servers& s = Servers::get();
+    const int stallers = static_cast<int>(state.range(0));
+    std::vector<int> fds;
+    for (auto _ : state) {
+        for (int i = 0; i < stallers; ++i) {
+            fds.push_back(unix_sock_connectPath(s.daemonPath()));
+        }
+        auto start = std::chrono::steady_clock::now();
+        bool ok = roundTrip(s.daemonPath());
+        auto took = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(std::chrono::duration<double>(took).count());
+        // Let the server close every staller before the next round.
+        for (int fd : fds) {
+            char c;
+            ok = ok && fd >= 0 && recv(fd, &c, 1, 0) == 0;
+            close(fd);
+        }
+        fds.clear();
+        if (!ok) {
+            state.SkipWithError("a client was not served as expected");
+            break;
+        }
+    }
+}
+BENCHMARK(GoodClientBehindStallers)
+    ->Arg(0)
+    ->Arg(8)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace
 
-int main(int argc, char** argv) {
-    int count = argc > 1 ? atoi(argv[1]) : 20000;
-    char tmpl[] = "/tmp/zormesh-bench-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) {
-        perror("mkdtemp");
-        return 1;
-    }
-    RootedLinuxOs rooted(tmpl);
-    setOs(&rooted);
-
-    UNIX_SOCK_SRV_CTX daemonCtx{};
-    UNIX_SOCK_SRV_CTX echoCtx{};
-    if (unix_sock_initSrv(MESH_CMD_SRV_ID, &daemonCtx, MESH_CMD_SRV_BACKLOG) != 0 ||
-        unix_sock_initSrv(99, &echoCtx, MESH_CMD_SRV_BACKLOG) != 0) {
-        perror("unix_sock_initSrv");
-        return 1;
-    }
-    // Warm up both paths, then alternate the two measurements twice and keep the best.
-    measure(echoCtx.path, echoCtx.listenFd, false, count / 10);
-    measure(daemonCtx.path, daemonCtx.listenFd, true, count / 10);
-    double echo = 0;
-    double daemon = 0;
-    for (int round = 0; round < 2; ++round) {
-        echo = std::max(echo, measure(echoCtx.path, echoCtx.listenFd, false, count));
-        daemon = std::max(daemon, measure(daemonCtx.path, daemonCtx.listenFd, true, count));
-    }
-    printf("command round trips: daemon %.0f/s, plain echo %.0f/s, ratio %.3f (%d each)\n", daemon,
-           echo, daemon / echo, count);
-    close(daemonCtx.listenFd);
-    close(echoCtx.listenFd);
-    std::string cleanup = std::string("rm -rf '") + tmpl + "'";
-    return std::system(cleanup.c_str()) == 0 ? 0 : 1;
-}
+BENCHMARK_MAIN();

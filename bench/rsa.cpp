@@ -1,60 +1,78 @@
-// Throughput of the RSA key service: key generations, encryptions of one 117-byte block under
-// a modulus, and decryptions of one 128-byte block from n, e and d, each per second.
+// The RSA key service: key generation, encryption of one 117-byte block under a modulus
+// alone, and decryption of one 128-byte block from n, e and d.
 #include "platform/linux_os.h"
 #include "security/mesh_rsa.h"
 
-#include <chrono>
-#include <cstdio>
+#include <benchmark/benchmark.h>
 #include <cstring>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+// A key pair, its public half and one block encrypted under it.
+struct Keys {
+    MESH_RSA_KEY key;
+    MESH_RSA_KEY pub;
+    uint8_t plain[MESH_RSA_PLAIN_LEN];
+    uint8_t cipher[MESH_RSA_CIPHER_LEN];
+    bool ok;
 
-// Runs `op` until `budget` seconds have passed (at least `minRuns` times); returns runs per
-// second, or -1 when an operation failed.
-template <typename Op> double rate(double budget, int minRuns, Op op) {
-    int runs = 0;
-    Clock::time_point start = Clock::now();
-    double elapsed = 0;
-    while (runs < minRuns || elapsed < budget) {
-        if (!op()) {
-            return -1;
-        }
-        ++runs;
-        elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    static Keys& get() {
+        static Keys k;
+        return k;
     }
-    return runs / elapsed;
+
+  private:
+    Keys() {
+        static LinuxOs linuxOs;
+        setOs(&linuxOs);
+        memset(&pub, 0, sizeof pub);
+        ok = mesh_common_rsa_generateKey(&key) == 0;
+        memcpy(pub.modulus, key.modulus, sizeof pub.modulus);
+        pub.modulusLen = key.modulusLen;
+        for (size_t i = 0; i < sizeof plain; ++i) {
+            plain[i] = static_cast<uint8_t>(i);
+        }
+        ok = ok && mesh_common_rsa_encrypt(&pub, cipher, plain) == 0;
+    }
+};
+
+void RsaGenerateKey(benchmark::State& state) {
+    Keys::get();
+    MESH_RSA_KEY key;
+    for (auto _ : state) {
+        if (mesh_common_rsa_generateKey(&key) != 0) {
+            state.SkipWithError("key generation failed");
+            break;
+        }
+    }
 }
+BENCHMARK(RsaGenerateKey)->Unit(benchmark::kMillisecond);
+
+void RsaEncrypt(benchmark::State& state) {
+    Keys& k = Keys::get();
+    uint8_t cipher[MESH_RSA_CIPHER_LEN];
+    for (auto _ : state) {
+        if (!k.ok || mesh_common_rsa_encrypt(&k.pub, cipher, k.plain) != 0) {
+            state.SkipWithError("encryption failed");
+            break;
+        }
+    }
+}
+BENCHMARK(RsaEncrypt)->Unit(benchmark::kMicrosecond);
+
+void RsaDecrypt(benchmark::State& state) {
+    Keys& k = Keys::get();
+    uint8_t back[MESH_RSA_PLAIN_LEN];
+    for (auto _ : state) {
+        if (!k.ok || mesh_common_rsa_decrypt(&k.key, back, k.cipher) != 0 ||
+            memcmp(back, k.plain, sizeof back) != 0) {
+            state.SkipWithError("decryption failed");
+            break;
+        }
+    }
+}
+BENCHMARK(RsaDecrypt)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 
-int main() {
-    static LinuxOs linuxOs;
-    setOs(&linuxOs);
-
-    MESH_RSA_KEY key;
-    double gen = rate(3.0, 5, [&] { return mesh_common_rsa_generateKey(&key) == 0; });
-
-    MESH_RSA_KEY pub;
-    memset(&pub, 0, sizeof pub);
-    memcpy(pub.modulus, key.modulus, sizeof pub.modulus);
-    pub.modulusLen = key.modulusLen;
-    uint8_t plain[MESH_RSA_PLAIN_LEN];
-    for (size_t i = 0; i < sizeof plain; ++i) {
-        plain[i] = static_cast<uint8_t>(i);
-    }
-    uint8_t cipher[MESH_RSA_CIPHER_LEN];
-    double enc = rate(2.0, 100, [&] { return mesh_common_rsa_encrypt(&pub, cipher, plain) == 0; });
-
-    uint8_t back[MESH_RSA_PLAIN_LEN];
-    double dec = rate(2.0, 20, [&] { return mesh_common_rsa_decrypt(&key, back, cipher) == 0; });
-    if (gen < 0 || enc < 0 || dec < 0 || memcmp(back, plain, sizeof plain) != 0) {
-        fprintf(stderr, "rsa bench: an operation failed\n");
-        return 1;
-    }
-    printf("rsa 1024: key generations/s %10.1f\n", gen);
-    printf("rsa 1024: encryptions/s     %10.1f  (117-byte block, public key n only)\n", enc);
-    printf("rsa 1024: decryptions/s     %10.1f  (128-byte block, n, e and d, no CRT)\n", dec);
-    return 0;
-}
+BENCHMARK_MAIN();

@@ -21,7 +21,7 @@ uint32_t mesh_receive_cmd(int listenFd) {
     int32_t len = 0;
     uint32_t result = 0;
 
-    int conn = accept(listenFd, nullptr, nullptr);
+    int conn = unix_sock_accept(listenFd);
     if (conn < 0) {
         MESH_ERR("accept failed.");
         return 1;
@@ -40,7 +40,7 @@ uint32_t mesh_receive_cmd(int listenFd) {
             MESH_ERR("send data failed.");
         }
     }
-    close(conn);
+    unix_sock_close(conn);
     return result;
 }
 

@@ -103,7 +103,7 @@ int LinuxOs::readProc(const char* path, void* buf, size_t max) {
     int saved = errno;
     close(fd);
     errno = saved;
-    return n < 0 ? 0 : static_cast<int>(n);
+    return n < 0 ? -1 : static_cast<int>(n);
 }
 
 int LinuxOs::writeProc(const char* path, const void* buf, size_t len) {
@@ -126,7 +126,7 @@ int LinuxOs::readRandom(void* buf, size_t len) {
     }
     ssize_t n = read(fd, buf, len);
     close(fd);
-    return n < 0 ? 0 : static_cast<int>(n);
+    return n < 0 ? -1 : static_cast<int>(n);
 }
 
 int LinuxOs::wlanSocket() {

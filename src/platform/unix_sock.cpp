@@ -4,9 +4,12 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <time.h>
@@ -33,69 +36,89 @@ int64_t budgetFor(int fd, bool start) {
     return t_budgetEnd;
 }
 
-int recvAll(int fd, uint8_t* buf, size_t len, int64_t deadline) {
-    size_t got = 0;
-    while (got < len) {
+// Waits until `fd` is ready for `events` or `deadline` passes. 0 ready, -1 with errno.
+int waitFor(int fd, short events, int64_t deadline) {
+    for (;;) {
         int64_t left = deadline - nowMs();
         if (left <= 0) {
             errno = ETIMEDOUT;
             return -1;
         }
-        pollfd p{fd, POLLIN, 0};
+        pollfd p{fd, events, 0};
         int r = poll(&p, 1, static_cast<int>(left));
-        if (r < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
+        if (r > 0) {
+            return 0;
+        }
+        if (r < 0 && errno != EINTR) {
             return -1;
         }
-        if (r == 0) {
-            continue; // re-check the deadline
-        }
-        ssize_t n = recv(fd, buf + got, len - got, 0);
-        if (n < 0) {
-            if (errno == EINTR || errno == EAGAIN) {
-                continue;
-            }
-            return -1;
+    }
+}
+
+// Each receive and send is tried first and waited for only when the socket has nothing or
+// no room (MSG_DONTWAIT, also on blocking sockets): a peer that keeps up costs no poll.
+int recvAll(int fd, uint8_t* buf, size_t len, int64_t deadline) {
+    size_t got = 0;
+    while (got < len) {
+        ssize_t n = recv(fd, buf + got, len - got, MSG_DONTWAIT);
+        if (n > 0) {
+            got += static_cast<size_t>(n);
+            continue;
         }
         if (n == 0) {
             errno = ECONNRESET;
             return -1;
         }
-        got += static_cast<size_t>(n);
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EAGAIN || waitFor(fd, POLLIN, deadline) < 0) {
+            return -1;
+        }
     }
     return 0;
 }
 
-int sendAll(int fd, const uint8_t* buf, size_t len) {
-    int64_t deadline = nowMs() + UNIX_SOCK_RECV_TIMEOUT_MS;
-    size_t sent = 0;
-    while (sent < len) {
-        int64_t left = deadline - nowMs();
-        if (left <= 0) {
-            errno = ETIMEDOUT;
-            return -1;
+// Sends the `count` pieces of `iov` whole within 2 seconds. MSG_NOSIGNAL: a requester that
+// went away must not kill the daemon with SIGPIPE.
+int sendAllv(int fd, iovec* iov, int count) {
+    const int64_t deadline = nowMs() + UNIX_SOCK_RECV_TIMEOUT_MS;
+    for (;;) {
+        while (count > 0 && iov->iov_len == 0) {
+            ++iov;
+            --count;
         }
-        pollfd p{fd, POLLOUT, 0};
-        int r = poll(&p, 1, static_cast<int>(left));
-        if (r < 0 && errno != EINTR) {
-            return -1;
+        if (count == 0) {
+            return 0;
         }
-        if (r <= 0) {
+        msghdr m{};
+        m.msg_iov = iov;
+        m.msg_iovlen = static_cast<size_t>(count);
+        ssize_t n = sendmsg(fd, &m, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno != EINTR && (errno != EAGAIN || waitFor(fd, POLLOUT, deadline) < 0)) {
+                return -1;
+            }
             continue;
         }
-        // MSG_NOSIGNAL: a requester that went away must not kill the daemon with SIGPIPE.
-        ssize_t n = send(fd, buf + sent, len - sent, MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR || errno == EAGAIN) {
-                continue;
+        // Drop what went out: whole pieces, then the front of a partly sent one.
+        for (size_t left = static_cast<size_t>(n); left > 0;) {
+            if (left >= iov->iov_len) {
+                left -= iov->iov_len;
+                ++iov;
+                --count;
+            } else {
+                iov->iov_base = static_cast<uint8_t*>(iov->iov_base) + left;
+                iov->iov_len -= left;
+                left = 0;
             }
-            return -1;
         }
-        sent += static_cast<size_t>(n);
     }
-    return 0;
+}
+
+int sendAll(int fd, const uint8_t* buf, size_t len) {
+    iovec v{const_cast<uint8_t*>(buf), len};
+    return sendAllv(fd, &v, 1);
 }
 
 void putLe32(uint8_t* p, uint32_t v) {
@@ -137,6 +160,211 @@ int mkdirs(const char* path) {
     return 0;
 }
 
+// The socket's directory must be ours and closed to everybody else: whoever may write to it
+// could put their own socket in place of ours.
+int checkDir(const char* dir) {
+    struct stat st {};
+    if (lstat(dir, &st) < 0) {
+        return -1;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        errno = ENOTDIR;
+        return -1;
+    }
+    if (st.st_uid != geteuid() || (st.st_mode & 022) != 0) {
+        errno = EPERM;
+        return -1;
+    }
+    return 0;
+}
+
+// ---- pending connections, read side by side ------------------------------------------------
+//
+// A server's connections are accepted as they come and their requests read side by side,
+// each within its own budget; one whose request is whole, or has failed or run out of time,
+// joins the queue of finished ones, which unix_sock_accept hands out in order. The server
+// thread is the only user of this state.
+
+enum class Stage : uint8_t { Free, Reading, Finished, Serving };
+
+struct Pending {
+    int fd;
+    int listenFd;
+    Stage stage;
+    int err;          // why reading ended early (0: the request is whole)
+    int64_t deadline; // end of the connection's budget
+    size_t got;       // bytes buffered
+    size_t need;      // bytes that make the request whole, header included
+    size_t pos;       // bytes handed to the server so far
+    bool headerHeld;  // a reply header waits to go out with the body
+    uint8_t reply[UNIX_SOCK_HEADER_SIZE];
+    uint8_t buf[UNIX_SOCK_HEADER_SIZE + UNIX_SOCK_PENDING_BODY];
+};
+
+Pending l_pending[UNIX_SOCK_PENDING_MAX];
+int l_finished[UNIX_SOCK_PENDING_MAX]; // slot numbers in the order reading ended
+int l_finishedCount = 0;
+int l_servers[4] = {-1, -1, -1, -1}; // listening descriptors opened by unix_sock_initSrv
+unsigned l_nextServer = 0;
+
+bool isServer(int fd) {
+    for (int s : l_servers) {
+        if (fd >= 0 && s == fd) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Pending* servingSlot(int fd) {
+    for (Pending& p : l_pending) {
+        if (p.stage == Stage::Serving && p.fd == fd) {
+            return &p;
+        }
+    }
+    return nullptr;
+}
+
+void finish(Pending& p, int err) {
+    p.stage = Stage::Finished;
+    p.err = err;
+    l_finished[l_finishedCount++] = static_cast<int>(&p - l_pending);
+}
+
+// Reads what the connection has. A header with a wrong magic, or a body larger than the
+// buffer, ends reading at what is buffered; the server's receives report it or go on
+// reading from the socket.
+void readSome(Pending& p, int64_t now) {
+    for (;;) {
+        ssize_t n = recv(p.fd, p.buf + p.got, sizeof p.buf - p.got, MSG_DONTWAIT);
+        if (n > 0) {
+            p.got += static_cast<size_t>(n);
+            if (p.need == UNIX_SOCK_HEADER_SIZE && p.got >= UNIX_SOCK_HEADER_SIZE &&
+                getLe32(p.buf) == UNIX_SOCK_MAGIC) {
+                uint64_t whole = UNIX_SOCK_HEADER_SIZE + uint64_t{getLe32(p.buf + 8)};
+                p.need = whole < sizeof p.buf ? static_cast<size_t>(whole) : sizeof p.buf;
+            }
+            if (p.got >= p.need) {
+                finish(p, 0);
+                return;
+            }
+            continue;
+        }
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n == 0) {
+            finish(p, ECONNRESET);
+        } else if (errno != EAGAIN) {
+            finish(p, errno);
+        } else if (now >= p.deadline) {
+            finish(p, ETIMEDOUT);
+        }
+        return;
+    }
+}
+
+bool hasFinished(int listenFd) {
+    for (int i = 0; i < l_finishedCount; ++i) {
+        if (l_pending[l_finished[i]].listenFd == listenFd) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Takes one connection from the backlog into a free slot and reads what it sent already.
+// 0, 1 when no slot is free or nothing was pending, -1 with errno when accept fails.
+int acceptOne(int listenFd) {
+    Pending* slot = nullptr;
+    for (Pending& p : l_pending) {
+        if (p.stage == Stage::Free) {
+            slot = &p;
+            break;
+        }
+    }
+    if (slot == nullptr) {
+        return 1;
+    }
+    // Close-on-exec: shell children of the daemon must not inherit a client's connection.
+    int fd = accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+        return (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) ? 1 : -1;
+    }
+    const int64_t now = nowMs();
+    *slot = Pending{};
+    slot->fd = fd;
+    slot->listenFd = listenFd;
+    slot->stage = Stage::Reading;
+    slot->deadline = now + UNIX_SOCK_RECV_TIMEOUT_MS;
+    slot->need = UNIX_SOCK_HEADER_SIZE;
+    readSome(*slot, now);
+    return 0;
+}
+
+// One round of waiting: polls the descriptors of `others` (a group without its servers),
+// the servers of `servers` while a slot is free, and the connections being read, for at
+// most `timeoutMs` (-1: no limit) or until the nearest budget ends. Ready descriptors of
+// `others` are left in `ready`. -1 with errno when poll or accept fails.
+int pumpOnce(const int* servers, int serverCount, const int* others, int otherCount, int timeoutMs,
+             int* ready, int* readyCount) {
+    pollfd fds[64 + 4 + UNIX_SOCK_PENDING_MAX];
+    nfds_t n = 0;
+    for (int i = 0; i < otherCount && n < 64; ++i) {
+        fds[n++] = pollfd{others[i], POLLIN, 0};
+    }
+    const nfds_t firstServer = n;
+    bool slotFree = false;
+    for (const Pending& p : l_pending) {
+        slotFree = slotFree || p.stage == Stage::Free;
+    }
+    for (int i = 0; i < serverCount && slotFree; ++i) {
+        fds[n++] = pollfd{servers[i], POLLIN, 0};
+    }
+    const nfds_t firstConn = n;
+    int slotOf[UNIX_SOCK_PENDING_MAX];
+    int64_t now = nowMs();
+    int64_t wait = timeoutMs < 0 ? INT64_MAX : timeoutMs;
+    for (int i = 0; i < UNIX_SOCK_PENDING_MAX; ++i) {
+        const Pending& p = l_pending[i];
+        bool ours = false;
+        for (int k = 0; k < serverCount; ++k) {
+            ours = ours || p.listenFd == servers[k];
+        }
+        if (p.stage == Stage::Reading && ours) {
+            slotOf[n - firstConn] = i;
+            fds[n++] = pollfd{p.fd, POLLIN, 0};
+            wait = std::min<int64_t>(wait, std::max<int64_t>(p.deadline - now, 0));
+        }
+    }
+    int r = poll(fds, n, wait == INT64_MAX ? -1 : static_cast<int>(wait));
+    if (r < 0) {
+        return errno == EINTR ? 0 : -1;
+    }
+    now = nowMs();
+    for (nfds_t i = firstConn; i < n; ++i) {
+        Pending& p = l_pending[slotOf[i - firstConn]];
+        if (fds[i].revents != 0 || now >= p.deadline) {
+            readSome(p, now); // at the deadline what arrived still counts
+        }
+    }
+    for (nfds_t i = firstServer; i < firstConn; ++i) {
+        if ((fds[i].revents & POLLNVAL) != 0) {
+            errno = EBADF;
+            return -1;
+        }
+        if (fds[i].revents != 0 && acceptOne(fds[i].fd) < 0) {
+            return -1;
+        }
+    }
+    for (nfds_t i = 0; i < firstServer; ++i) {
+        if (fds[i].revents != 0) {
+            ready[(*readyCount)++] = fds[i].fd;
+        }
+    }
+    return 0;
+}
+
 } // namespace
 
 uint32_t unix_sock_senderId(const char* name) {
@@ -168,7 +396,7 @@ int unix_sock_initSrv(int srvId, UNIX_SOCK_SRV_CTX* ctx, int backlog) {
     char dir[sizeof ctx->path];
     snprintf(dir, sizeof dir, "%s", ctx->path);
     *strrchr(dir, '/') = '\0';
-    if (mkdirs(dir) < 0) {
+    if (mkdirs(dir) < 0 || checkDir(dir) < 0) {
         return -1;
     }
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -190,6 +418,23 @@ int unix_sock_initSrv(int srvId, UNIX_SOCK_SRV_CTX* ctx, int backlog) {
     }
     ctx->listenFd = fd;
     g_ownSenderId = static_cast<uint32_t>(srvId);
+    // Connections left over from a closed server that had this descriptor are dropped.
+    for (Pending& p : l_pending) {
+        if (p.stage != Stage::Free && p.listenFd == fd) {
+            close(p.fd);
+            p.stage = Stage::Free;
+        }
+    }
+    int kept = 0;
+    for (int i = 0; i < l_finishedCount; ++i) {
+        if (l_pending[l_finished[i]].stage == Stage::Finished) {
+            l_finished[kept++] = l_finished[i];
+        }
+    }
+    l_finishedCount = kept;
+    if (!isServer(fd)) {
+        l_servers[l_nextServer++ % 4] = fd;
+    }
     return 0;
 }
 
@@ -210,7 +455,10 @@ void unix_sock_groupAddTo(int fd, UNIX_SOCK_GROUP* group) {
     }
 }
 
-int unix_sock_groupWait(UNIX_SOCK_GROUP* group, int timeoutSec) {
+namespace {
+
+// A group without servers: select() as it is.
+int selectWait(UNIX_SOCK_GROUP* group, int timeoutSec) {
     fd_set set;
     FD_ZERO(&set);
     for (int fd = 0; fd <= group->maxFd; ++fd) {
@@ -229,6 +477,93 @@ int unix_sock_groupWait(UNIX_SOCK_GROUP* group, int timeoutSec) {
     return n;
 }
 
+} // namespace
+
+int unix_sock_groupWait(UNIX_SOCK_GROUP* group, int timeoutSec) {
+    // Servers of the group count as ready once a request of theirs has been read (or has
+    // failed); their connections are read meanwhile.
+    int servers[4];
+    int others[64];
+    int serverCount = 0;
+    int otherCount = 0;
+    for (int fd = 0; fd <= group->maxFd; ++fd) {
+        if ((group->bits[fd / 32] & (1u << (fd % 32))) == 0) {
+            continue;
+        }
+        if (isServer(fd) && serverCount < 4) {
+            servers[serverCount++] = fd;
+        } else if (otherCount < 64) {
+            others[otherCount++] = fd;
+        } else {
+            serverCount = 0; // too many to poll alongside: plain select
+            break;
+        }
+    }
+    if (serverCount == 0) {
+        return selectWait(group, timeoutSec);
+    }
+    int ready[68];
+    int readyCount = 0;
+    const int64_t end = nowMs() + static_cast<int64_t>(timeoutSec < 0 ? 0 : timeoutSec) * 1000;
+    for (bool first = true;; first = false) {
+        for (int i = 0; i < serverCount; ++i) {
+            if (hasFinished(servers[i])) {
+                ready[readyCount++] = servers[i];
+            }
+        }
+        const int64_t left = end - nowMs();
+        if (readyCount > 0 || (left <= 0 && !first)) {
+            break;
+        }
+        if (pumpOnce(servers, serverCount, others, otherCount,
+                     static_cast<int>(std::max<int64_t>(left, 0)), ready, &readyCount) < 0) {
+            return -1;
+        }
+    }
+    // Leave only the ready descriptors in the group, as select() does with its set.
+    unix_sock_groupClear(group);
+    for (int i = 0; i < readyCount; ++i) {
+        unix_sock_groupAddTo(ready[i], group);
+    }
+    return readyCount;
+}
+
+int unix_sock_accept(int listenFd) {
+    if (listenFd < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    while (!hasFinished(listenFd)) {
+        int none = 0;
+        if (pumpOnce(&listenFd, 1, nullptr, 0, -1, nullptr, &none) < 0) {
+            return -1;
+        }
+    }
+    for (int i = 0; i < l_finishedCount; ++i) {
+        Pending& p = l_pending[l_finished[i]];
+        if (p.listenFd == listenFd) {
+            memmove(&l_finished[i], &l_finished[i + 1],
+                    sizeof l_finished[0] * static_cast<size_t>(l_finishedCount - i - 1));
+            --l_finishedCount;
+            p.stage = Stage::Serving;
+            return p.fd;
+        }
+    }
+    return -1; // not reached: a finished request was found above
+}
+
+int unix_sock_close(int conn) {
+    int rc = 0;
+    if (Pending* p = servingSlot(conn)) {
+        if (p->headerHeld) {
+            rc = sendAll(conn, p->reply, sizeof p->reply);
+        }
+        p->stage = Stage::Free;
+        p->fd = -1;
+    }
+    return close(conn) < 0 ? -1 : rc;
+}
+
 int unix_sock_isSet(int fd, UNIX_SOCK_GROUP* group) {
     if (fd < 0 || fd >= kGroupFds) {
         return 0;
@@ -238,7 +573,17 @@ int unix_sock_isSet(int fd, UNIX_SOCK_GROUP* group) {
 
 int unix_sock_recvHeader(int conn, int code, int32_t* len) {
     uint8_t h[UNIX_SOCK_HEADER_SIZE];
-    if (len == nullptr || recvAll(conn, h, sizeof h, budgetFor(conn, true)) < 0) {
+    if (len == nullptr) {
+        return -1;
+    }
+    if (Pending* p = servingSlot(conn)) {
+        if (p->got < sizeof h) {
+            errno = p->err;
+            return -1;
+        }
+        memcpy(h, p->buf, sizeof h);
+        p->pos = sizeof h;
+    } else if (recvAll(conn, h, sizeof h, budgetFor(conn, true)) < 0) {
         return -1;
     }
     if (getLe32(h) != UNIX_SOCK_MAGIC || getLe32(h + 4) != static_cast<uint32_t>(code)) {
@@ -253,11 +598,33 @@ int unix_sock_recvData(int conn, int len, void* buf) {
     if (len < 0 || (len > 0 && buf == nullptr)) {
         return -1;
     }
-    return recvAll(conn, static_cast<uint8_t*>(buf), static_cast<size_t>(len),
-                   budgetFor(conn, false));
+    uint8_t* out = static_cast<uint8_t*>(buf);
+    size_t want = static_cast<size_t>(len);
+    if (Pending* p = servingSlot(conn)) {
+        const size_t have = std::min(want, p->got - p->pos);
+        memcpy(out, p->buf + p->pos, have);
+        p->pos += have;
+        if (have == want) {
+            return 0;
+        }
+        if (p->err != 0) {
+            errno = p->err;
+            return -1;
+        }
+        // A body larger than the buffer: the rest comes from the socket within the budget.
+        return recvAll(conn, out + have, want - have, p->deadline);
+    }
+    return recvAll(conn, out, want, budgetFor(conn, false));
 }
 
 int unix_sock_sendHeader(int conn, int len, int code) {
+    if (Pending* p = servingSlot(conn)) {
+        // Held back and sent with the body in one call (or at unix_sock_close).
+        buildHeader(p->reply, static_cast<uint32_t>(code), static_cast<uint32_t>(len),
+                    g_ownSenderId);
+        p->headerHeld = true;
+        return 0;
+    }
     uint8_t h[UNIX_SOCK_HEADER_SIZE];
     buildHeader(h, static_cast<uint32_t>(code), static_cast<uint32_t>(len), g_ownSenderId);
     return sendAll(conn, h, sizeof h);
@@ -267,7 +634,12 @@ int unix_sock_sendData(int conn, const void* buf, int len) {
     if (len < 0 || (len > 0 && buf == nullptr)) {
         return -1;
     }
-    return sendAll(conn, static_cast<const uint8_t*>(buf), static_cast<size_t>(len));
+    iovec v[2] = {{nullptr, 0}, {const_cast<void*>(buf), static_cast<size_t>(len)}};
+    if (Pending* p = servingSlot(conn); p != nullptr && p->headerHeld) {
+        v[0] = iovec{p->reply, sizeof p->reply};
+        p->headerHeld = false;
+    }
+    return sendAllv(conn, v, 2);
 }
 
 int unix_sock_connectPath(const char* path) {

@@ -30,8 +30,54 @@ bool isSedSpecial(char c) {
     return c != '\0' && strchr(kSpecial, c) != nullptr;
 }
 
-// Runs one rewrite of the profile under the lock. 0, or 1 when the lock was not obtained.
+bool isPrintable(char c) {
+    return c >= 0x20 && c <= 0x7E;
+}
+
+// Appends `src` to `dst` (capacity `cap`, write position `o`) as text of a sed replacement
+// inside a single-quoted shell word: backslash, "/" and "&" are escaped for sed, and a
+// single quote closes the quote, adds an escaped quote and opens it again. A line feed
+// cannot be carried: false, as when the text does not fit.
+bool appendSedQuoted(char* dst, size_t cap, size_t& o, const char* src) {
+    for (const char* s = src; *s != '\0'; ++s) {
+        const char* piece = nullptr;
+        switch (*s) {
+        case '\n':
+            return false;
+        case '\\':
+            piece = "\\\\";
+            break;
+        case '/':
+            piece = "\\/";
+            break;
+        case '&':
+            piece = "\\&";
+            break;
+        case '\'':
+            piece = "'\\''";
+            break;
+        default:
+            break;
+        }
+        const size_t len = piece != nullptr ? strlen(piece) : 1;
+        if (o + len >= cap) {
+            return false;
+        }
+        memcpy(dst + o, piece != nullptr ? piece : s, len);
+        o += len;
+    }
+    dst[o] = '\0';
+    return true;
+}
+
+// Runs one rewrite of the profile under the lock. 0, or 1 when the lock was not obtained or
+// the line is longer than the shell-line formatter takes: a line cut short could end in the
+// middle of a quoted value or of the profile's path, so it is refused instead.
 int runLocked(const char* cmd) {
+    if (strlen(cmd) >= MESH_SYSTEMF_BUF) {
+        MESH_ERR("command line too long, refused");
+        return 1;
+    }
     if (_datSemLock() != 0) {
         MESH_ERR("can't get dat sem lock");
         return 1;
@@ -107,18 +153,63 @@ int _datSemUnlock(void) {
 
 // ---- profile text ----------------------------------------------------------------------------
 
-void _escapeSedChars(char* dst, const char* src) {
+int _escapeSedChars(char* dst, const char* src) {
     if (dst == nullptr) {
-        return;
+        return -1;
     }
     size_t o = 0;
     for (const char* s = src; s != nullptr && *s != '\0'; ++s) {
+        // A control character (a line feed above all) would end or split the shell line
+        // whatever stands before it.
+        if (!isPrintable(*s)) {
+            dst[0] = '\0';
+            MESH_ERR("text to escape holds a control character");
+            return -1;
+        }
         if (isSedSpecial(*s)) {
             dst[o++] = '\\';
         }
         dst[o++] = *s;
     }
     dst[o] = '\0';
+    return 0;
+}
+
+bool _isEscapedShellText(const char* text) {
+    if (text == nullptr) {
+        return false;
+    }
+    for (const char* s = text; *s != '\0'; ++s) {
+        if (!isPrintable(*s)) {
+            return false;
+        }
+        if (*s == '\\') {
+            // The escaped character must be one the escaping produces: "\\" would let the
+            // shell of a double-quoted line hand sed a lone backslash for the next character.
+            ++s;
+            if (!isSedSpecial(*s) || *s == '\\') {
+                return false;
+            }
+        } else if (isSedSpecial(*s)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool _isPlainShellText(const char* text, size_t max) {
+    if (text == nullptr) {
+        return false;
+    }
+    for (size_t i = 0; i < max && text[i] != '\0'; ++i) {
+        const char c = text[i];
+        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                        (c >= '0' && c <= '9') || c == '-' || c == '_';
+        if (!ok) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void _trimLineEnd(char* text, size_t len) {
@@ -224,6 +315,16 @@ void _doIwprivCommand(const char* iwprivKey, const char* ifName, const void* val
     }
     switch (type) {
     case MTK_DATA_STRING:
+        // The value stands outside quotes: only text escaped for the shell is let through.
+        if (!_isEscapedShellText(static_cast<const char*>(value))) {
+            MESH_ERR("unsafe text for %s refused", iwprivKey);
+            return;
+        }
+        if (strlen(ifName) + strlen(iwprivKey) + strlen(static_cast<const char*>(value)) + 13 >=
+            MESH_SYSTEMF_BUF) {
+            MESH_ERR("command line too long, refused");
+            return;
+        }
         mesh_common_systemf("iwpriv %s set %s=%s", ifName, iwprivKey,
                             static_cast<const char*>(value));
         break;
@@ -255,10 +356,20 @@ int _mtk_dat_setValue(const char* datKey, const char* ifName, const void* value,
     RootedPath path(MTK_DAT_PATH);
     char cmd[MTK_DAT_LINE_BUF];
     switch (type) {
-    case MTK_DATA_STRING:
-        snprintf(cmd, sizeof cmd, "sed -i 's/^%s=.*$/%s=%s/' %s", datKey, datKey,
-                 static_cast<const char*>(value), path.c_str());
+    case MTK_DATA_STRING: {
+        char text[MTK_DAT_LINE_BUF];
+        size_t o = 0;
+        if (!appendSedQuoted(text, sizeof text, o, static_cast<const char*>(value))) {
+            MESH_ERR("unsafe text for %s refused", datKey);
+            return 1;
+        }
+        // A line past the buffer is cut, as the shell-line formatter cuts it anyway.
+        if (snprintf(cmd, sizeof cmd, "sed -i 's/^%s=.*$/%s=%s/' %s", datKey, datKey, text,
+                     path.c_str()) < 0) {
+            return 1;
+        }
         break;
+    }
     case MTK_DATA_UINT32:
         snprintf(cmd, sizeof cmd, "sed -i 's/^%s=.*$/%s=%u/' %s", datKey, datKey,
                  loadValue<uint32_t>(value), path.c_str());
@@ -310,6 +421,10 @@ int _mtk_wlan_setVapCfgWithIndex(const char* datBaseKey, const char* iwprivKey, 
     }
     if (!keyInProfile(datBaseKey)) {
         MESH_ERR("Can't find %s in dat %s", datBaseKey, MTK_DAT_PATH);
+        return 1;
+    }
+    if (type == MTK_DATA_STRING && !_isEscapedShellText(static_cast<const char*>(value))) {
+        MESH_ERR("unsafe text for %s refused", datBaseKey);
         return 1;
     }
     RootedPath path(MTK_DAT_PATH);
@@ -428,11 +543,18 @@ int _mtk_wlan_setVapCfg(const char* datKey, const char* iwprivKey, const char* i
 
     char keyPart[MTK_DAT_KEY_BUF + 1];
     snprintf(keyPart, sizeof keyPart, "%.64s", datKey);
-    char newLine[MTK_DAT_KEY_BUF + MTK_VAP_MAX_NUM * MTK_VAP_ELEM_LEN + 2];
+    // The elements come from the profile or the caller: each is escaped for the quoted sed
+    // replacement (at most 4 bytes per character), a line feed is refused.
+    char newLine[MTK_DAT_KEY_BUF + MTK_VAP_MAX_NUM * 4 * MTK_VAP_ELEM_LEN + 2];
     size_t o = static_cast<size_t>(snprintf(newLine, sizeof newLine, "%s=", keyPart));
     for (int k = 0; k < n; ++k) {
-        int w = snprintf(newLine + o, sizeof newLine - o, k == 0 ? "%s" : ";%s", elems[k]);
-        o += static_cast<size_t>(w);
+        if (k > 0) {
+            newLine[o++] = ';';
+        }
+        if (!appendSedQuoted(newLine, sizeof newLine, o, elems[k])) {
+            MESH_ERR("unsafe text for %s refused", datKey);
+            return 1;
+        }
     }
     RootedPath path(MTK_DAT_PATH);
     char cmd[MTK_DAT_LINE_BUF];

@@ -56,8 +56,18 @@ int _datSemLock(void);
 int _datSemUnlock(void);
 
 // Copies `src` into `dst` with a backslash before every character that sed or the shell
-// would interpret. `dst` holds 2 * strlen(src) + 1 bytes.
-void _escapeSedChars(char* dst, const char* src);
+// would interpret. `dst` holds 2 * strlen(src) + 1 bytes. 0; or -1 with `dst` empty and an
+// error line when `src` holds a character outside printable ASCII (a line feed would split
+// the shell line).
+int _escapeSedChars(char* dst, const char* src);
+// True when `text` may stand as it is in an unquoted shell word and in a double-quoted sed
+// replacement: printable ASCII in which every character _escapeSedChars escapes comes
+// behind a backslash, and no backslash escapes a backslash. _escapeSedChars produces such
+// text from any printable text without a backslash.
+bool _isEscapedShellText(const char* text);
+// True when the text (at most `max` bytes, NUL-terminated or not) holds only letters,
+// digits, "-" and "_": safe in every quoting context without escaping.
+bool _isPlainShellText(const char* text, size_t max);
 // Cuts a trailing "\n" or "\r\n" off `text` (`len` = strlen(text)).
 void _trimLineEnd(char* text, size_t len);
 // Splits one profile line in place. `key` (64 bytes) and `value` (9126 bytes) may be null.
@@ -69,10 +79,16 @@ int _getDatKeyValue(const char* key, char* value, const char* path);
 // The interface index encoded in a driver interface name (see above).
 int _mtk_wlan_ifIndex(const char* ifName);
 
-// Runs "iwpriv <ifName> set <iwprivKey>=<value>"; nothing when the key is null.
+// Runs "iwpriv <ifName> set <iwprivKey>=<value>"; nothing when the key is null. A text value
+// stands unquoted and must pass _isEscapedShellText, else it is refused with an error line;
+// so is a text that would make the line longer than 511 characters.
 void _doIwprivCommand(const char* iwprivKey, const char* ifName, const void* value,
                       MTK_DATA_TYPE type);
-// Rewrites the plain key `datKey` of the profile under the lock. 0 or 1.
+// Rewrites the plain key `datKey` of the profile under the lock. A text value is escaped for
+// the single-quoted sed script; one with a line feed is refused. 0 or 1.
+//
+// Every rewrite whose line would be longer than the 511 characters of the shell-line
+// formatter is refused ("command line too long, refused", 1) rather than cut short.
 int _mtk_dat_setValue(const char* datKey, const char* ifName, const void* value,
                       MTK_DATA_TYPE type);
 
@@ -81,12 +97,13 @@ int _mtk_wlan_set(const char* datKey, const char* iwprivKey, const char* ifName,
                   MTK_DATA_TYPE type, uint32_t applyFlags);
 // An indexed setting: profile key "<datBaseKey><index + 1>" (the base key itself must be in
 // the profile). A text value goes into the sed script in double quotes, so the caller
-// escapes what the shell would expand. 0 or 1.
+// escapes it with _escapeSedChars; text that fails _isEscapedShellText is refused. 0 or 1.
 int _mtk_wlan_setVapCfgWithIndex(const char* datBaseKey, const char* iwprivKey, const char* ifName,
                                  const void* value, MTK_DATA_TYPE type, uint32_t applyFlags);
 // One element of a per-VAP list: element <index> of "datKey=e0;e1;...". The list is
 // rewritten with exactly radio_config_getMaxVapNum(1) + 1 elements; empty ones take e0.
 // An index at or above that count, or a count above 9, is refused ("vap index %d out of
-// range", "vap num %d out of range"). 0 or 1.
+// range", "vap num %d out of range"). Every element, the stored ones included, is escaped
+// for the single-quoted sed script; an element with a line feed is refused. 0 or 1.
 int _mtk_wlan_setVapCfg(const char* datKey, const char* iwprivKey, const char* ifName,
                         const void* value, MTK_DATA_TYPE type, uint32_t applyFlags);

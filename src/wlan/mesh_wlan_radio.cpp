@@ -29,6 +29,17 @@ void copyField(char* out, size_t outCap, const char* field, size_t cap) {
     out[n] = '\0';
 }
 
+// A passphrase may hold any printable character but the backslash: escaped, such text is safe
+// both in the unquoted iwpriv argument and in the double-quoted sed script.
+bool escapablePassphrase(const char* text, size_t cap) {
+    for (size_t i = 0; i < cap && text[i] != '\0'; ++i) {
+        if (text[i] < 0x20 || text[i] > 0x7E || text[i] == '\\') {
+            return false;
+        }
+    }
+    return true;
+}
+
 void setVapText(const char* key, const char* value) {
     _mtk_wlan_setVapCfg(key, key, g_bkhApIfName, value, MTK_DATA_STRING, MTK_APPLY_BOTH);
 }
@@ -40,6 +51,16 @@ uint32_t mesh_wlan_createBkhAp(const MESH_WLAN_CREDENTIALS* cred, uint8_t chanLi
                                uint8_t param) {
     if (cred == nullptr || basic == nullptr) {
         MESH_ERR("pConfig is null\n");
+        return 1;
+    }
+    // Both texts end up in shell lines: anything outside the expected characters is refused
+    // before a single line runs.
+    if (!_isPlainShellText(cred->ssid, sizeof cred->ssid)) {
+        MESH_ERR("ssid refused: only letters, digits, - and _ are allowed");
+        return 1;
+    }
+    if (!escapablePassphrase(cred->passphrase, sizeof cred->passphrase)) {
+        MESH_ERR("passphrase refused: backslash or control character");
         return 1;
     }
     const char* ifName = g_bkhApIfName;
@@ -58,13 +79,15 @@ uint32_t mesh_wlan_createBkhAp(const MESH_WLAN_CREDENTIALS* cred, uint8_t chanLi
     copyField(passphrase, sizeof passphrase, cred->passphrase, sizeof cred->passphrase);
     char work[MESH_WLAN_PSK_WORK_LEN];
     static_assert(2 * sizeof cred->passphrase + 1 <= sizeof work, "escaped passphrase fits");
-    _escapeSedChars(work, passphrase);
+    if (_escapeSedChars(work, passphrase) != 0) {
+        return 1; // not reached: the passphrase was checked above
+    }
 
     setVapText("AuthMode", "WPA2PSK");
     setVapText("EncrypType", "AES");
     setVapText("RekeyMethod", "DISABLE");
     _mtk_wlan_setVapCfgWithIndex("WPAPSK", "WPAPSK", ifName, work, MTK_DATA_STRING, MTK_APPLY_BOTH);
-    // The SSID is "mesh_" and hexadecimal digits, nothing sed would interpret: not escaped.
+    // The SSID holds only letters, digits, "-" and "_" (checked above): not escaped.
     copyField(work, sizeof work, cred->ssid, sizeof cred->ssid);
     _mtk_wlan_setVapCfgWithIndex("SSID", "SSID", ifName, work, MTK_DATA_STRING, MTK_APPLY_BOTH);
     int32_t hide = 1;

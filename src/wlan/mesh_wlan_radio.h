@@ -19,7 +19,9 @@ constexpr size_t MESH_CHILD_REQ_LEN = sizeof(MESH_CHILD_RECORD); // 280
 // Creates the hidden WPA2-PSK/AES backhaul AP from the credentials (SSID, passphrase) and the
 // basic radio settings, and adds it to br0. `advCfg` (4 bytes) is not read; `param` goes to
 // the channel-limit hook when `chanLimit` is set. 0, or 1 ("pConfig is null\n") when the
-// credentials or the basic settings are missing.
+// credentials or the basic settings are missing. An SSID with a character other than a
+// letter, digit, "-" or "_", or a passphrase with a backslash or a control character, is
+// refused with an error line before anything runs: 1.
 uint32_t mesh_wlan_createBkhAp(const MESH_WLAN_CREDENTIALS* cred, uint8_t chanLimit,
                                const MESH_BASIC_WLAN_CFG* basic, const void* advCfg, uint8_t param);
 // Brings the mesh station up and into br0. 0, or 1 ("sta interface %s does not exist\n").

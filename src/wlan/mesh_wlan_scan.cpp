@@ -5,6 +5,7 @@
 #include "platform/os.h"
 #include "security/mesh_common.h"
 #include "wlan/mesh_wlan.h"
+#include "wlan/mesh_wlan_dat.h"
 
 #include <cerrno>
 #include <cstring>
@@ -90,6 +91,12 @@ uint32_t mesh_wlan_startActiveScan(void* /*unused*/) {
 uint32_t mesh_wlan_configSta(const MESH_WLAN_CREDENTIALS* cred, uint8_t channel) {
     if (cred == nullptr) {
         return 0;
+    }
+    // Both texts stand unquoted in iwpriv lines: only letters, digits, "-" and "_" pass.
+    if (!_isPlainShellText(cred->ssid, sizeof cred->ssid) ||
+        !_isPlainShellText(cred->passphrase, sizeof cred->passphrase)) {
+        MESH_ERR("station credentials refused: only letters, digits, - and _ are allowed");
+        return 1;
     }
     char staIf[MESH_IFNAME_LEN];
     mesh_wlan_getStaIfname(staIf);

@@ -82,7 +82,9 @@ static_assert(offsetof(MESH_ONLINE_CHILD_INFO, counter24) == 40, "offset 40");
 // Switches the station off and starts a site survey on it. Always 0.
 uint32_t mesh_wlan_startActiveScan(void* unused);
 // Configures the mesh station for WPA2-PSK/AES with the credentials and connects it; a
-// channel of 36..48 or 149..165 is set first. Null credentials: nothing, 0. Always 0.
+// channel of 36..48 or 149..165 is set first. Null credentials: nothing, 0. Credentials
+// with a character other than a letter, digit, "-" or "_" are refused: error line, nothing
+// runs, 1. Otherwise 0.
 uint32_t mesh_wlan_configSta(const MESH_WLAN_CREDENTIALS* cred, uint8_t channel);
 // Runs a site survey (6 s settle, up to 15 reads while the driver is busy) and extracts up
 // to 20 distinct mesh candidates into `out` (20 entries), their number into `*count`.

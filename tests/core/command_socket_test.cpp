@@ -9,9 +9,11 @@
 #include "platform/unix_sock.h"
 #include "state/mesh_state_internal.h"
 
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <future>
@@ -148,6 +150,77 @@ TEST_F(CommandServer, StalledOrVanishedClientsDoNotStopTheNextOne) {
     int next = request(msg);
     mesh_receive_cmd(listenFd());
     EXPECT_EQ(16u + MESH_CMD_MSG_LEN, readAll(next).size());
+}
+
+TEST_F(CommandServer, RequestsAreServedInTheOrderTheyCompleteWhateverStallsBeforeThem) {
+    uint8_t msg[MESH_CMD_MSG_LEN] = {};
+    put_le32(msg, 23);
+    std::atomic<int> late{-1};
+    std::string order;
+    auto served = std::async(std::launch::async, [&] {
+        for (int i = 0; i < 10; ++i) {
+            UNIX_SOCK_GROUP g;
+            unix_sock_groupClear(&g);
+            unix_sock_groupAddTo(listenFd(), &g);
+            if (unix_sock_groupWait(&g, 5) != 1 || unix_sock_isSet(listenFd(), &g) != 1) {
+                return;
+            }
+            mesh_receive_cmd(listenFd());
+            order += std::to_string(i) + ":" + s.fake.takeStdout() + " ";
+            if (i == 0) { // the late client completes after the whole one was answered
+                ASSERT_EQ(MESH_CMD_MSG_LEN - 100,
+                          send(late, msg + 100, MESH_CMD_MSG_LEN - 100, MSG_NOSIGNAL));
+            }
+        }
+    });
+    // Eight clients that never finish (more than the backlog holds), then one that sends
+    // half a request, then a whole one.
+    int stalled[8];
+    for (int& fd : stalled) {
+        fd = connectClient();
+    }
+    late = connectClient();
+    sendHeader(late, MESH_CMD_MSG_LEN);
+    ASSERT_EQ(100, send(late, msg, 100, MSG_NOSIGNAL));
+    int whole = request(msg);
+    ASSERT_EQ(std::future_status::ready, served.wait_for(std::chrono::seconds(30)));
+    EXPECT_EQ(16u + MESH_CMD_MSG_LEN, readAll(whole).size());
+    EXPECT_EQ(16u + MESH_CMD_MSG_LEN, readAll(late).size());
+    // Served first the whole request, then the completed one (each "unsupported command
+    // type"), then the eight stalled clients, closed after their budget without a reply.
+    const std::string unsupported = "[MESH][ERROR](mesh_cmd_handle) ";
+    EXPECT_EQ(0u, order.find("0:" + unsupported)) << order;
+    EXPECT_NE(std::string::npos, order.find(" 1:" + unsupported)) << order;
+    for (int& fd : stalled) {
+        EXPECT_EQ("", readAll(fd));
+    }
+    EXPECT_NE(std::string::npos, order.find(" 9:[MESH][ERROR](mesh_receive_cmd) ")) << order;
+}
+
+TEST_F(CommandSocket, ConnectionsAreCloseOnExecAndTheDirectoryMustBeClosedToOthers) {
+    int client = unix_sock_connectPath(path().c_str());
+    ASSERT_GE(client, 0);
+    close(client); // an empty request still finishes
+    int conn = unix_sock_accept(listenFd());
+    ASSERT_GE(conn, 0);
+    EXPECT_EQ(FD_CLOEXEC, fcntl(conn, F_GETFD) & FD_CLOEXEC);
+    int32_t len = 0;
+    EXPECT_EQ(-1, unix_sock_recvHeader(conn, MESH_CMD_MSG_CODE, &len));
+    EXPECT_EQ(0, unix_sock_close(conn));
+    EXPECT_EQ(-1, unix_sock_accept(-1));
+
+    const std::string dir = s.fake.rooted("/var/run/usock");
+    for (mode_t mode : {0777, 0775, 0757}) {
+        ASSERT_EQ(0, chmod(dir.c_str(), mode));
+        UNIX_SOCK_SRV_CTX other{};
+        errno = 0;
+        EXPECT_EQ(-1, unix_sock_initSrv(MESH_CMD_SRV_ID, &other, 1)) << std::oct << mode;
+        EXPECT_EQ(EPERM, errno);
+    }
+    ASSERT_EQ(0, chmod(dir.c_str(), 0700));
+    UNIX_SOCK_SRV_CTX again{};
+    EXPECT_EQ(0, unix_sock_initSrv(MESH_CMD_SRV_ID, &again, 1));
+    close(again.listenFd);
 }
 
 struct CtlRun {
