@@ -188,6 +188,54 @@ TEST_F(ParentNode, TheNetlinkChannelDispatchesByTypeAndKeepsOldBytes) {
     EXPECT_EQ(e2e::hexBytes("0a0000000022" + entry), Bytes(list.begin() + 76, list.begin() + 148));
 }
 
+TEST_F(ParentNode, AWouldBeChildIsHeardListedAdmittedWithItsBlocksAndRemoved) {
+    ASSERT_EQ(0, ctl(1, exampleRecord()));
+    ASSERT_TRUE(emu_.waitNetlinkReady(e2e::kStartMs));
+    // A child still searching (flags 01) that sends a real 1024-bit RSA modulus.
+    const std::string key =
+        "9e7ecb6c9228a8003246696d66d49738a09dfdbf42f32e5112d306cb84cac12dff0f98635b615811fed4f8"
+        "71451945af79972922f5c755a2498fe758b17941bc0570f9511c6b56d5e6f65a01985576432781c96ef1ce"
+        "35c2294e3d4bce184c12f4566a4442eb996ee137fda62db9adc344009e8109af2f22d07712045bd3b4cd";
+    ASSERT_EQ(1, emu_.pushNetlink(event(1, "0a0000000033 060000000033 01 f0 03 04 01 05" +
+                                               std::string(96, '0') + "00 80" + key + "00000002")));
+    Bytes list;
+    for (int i = 0; i < 100 && (ctl(8, "", &list) != 0 || list[0] == 0); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_EQ(1, list[0]);
+    EXPECT_EQ(hexBytes("0a0000000033 060000000033"), Bytes(list.begin() + 4, list.begin() + 16));
+
+    emu_.clearRecords();
+    ASSERT_EQ(0, ctl(5, "0a0000000033 00112233445566778899aabbccddeeff"));
+    std::vector<emu::IoctlCall> adds;
+    for (const auto& io : emu_.ioctls()) {
+        if (io.request == 0x8BF5 && io.ifName == "rai3" && io.flags == 1) {
+            adds.push_back(io);
+        }
+    }
+    // Encrypting for the heard key re-adds the child, then the admission hands over the same
+    // record: MAC and digest as sent, two 128-byte blocks encrypted for the child's key.
+    ASSERT_EQ(2u, adds.size());
+    EXPECT_EQ(adds[0].payload, adds[1].payload);
+    const Bytes& rec = adds[0].payload;
+    ASSERT_EQ(280u, rec.size());
+    EXPECT_EQ(hexBytes("0a0000000033 00112233445566778899aabbccddeeff 80"),
+              Bytes(rec.begin(), rec.begin() + 23));
+    EXPECT_EQ(0x80, rec[151]);
+    EXPECT_NE(Bytes(128, 0), Bytes(rec.begin() + 23, rec.begin() + 151));
+    EXPECT_NE(Bytes(128, 0), Bytes(rec.begin() + 152, rec.end()));
+
+    emu_.clearRecords();
+    ASSERT_EQ(0, ctl(6, "0a0000000033"));
+    Bytes removal = hexBytes("0a0000000033");
+    removal.resize(280);
+    const auto ios = emu_.ioctls();
+    ASSERT_EQ(1u, ios.size());
+    EXPECT_EQ(2, ios[0].flags);
+    EXPECT_EQ(removal, ios[0].payload);
+    EXPECT_TRUE(shellSeen("iwpriv rai3 set DisConnectSta=06:00:00:00:00:33"));
+}
+
 TEST_F(ParentNode, AParentEventReachesTheParentHandlerOfAnIsolatedNode) {
     // No uplink answers: after the network check's time the node is isolated and searches.
     ASSERT_EQ(0, ctl(1, exampleRecord()));
