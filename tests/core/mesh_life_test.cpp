@@ -234,10 +234,16 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
                       (existing ? kBkhApReapplied : kBkhApCreated) + kEnableTail,
                   seam());
         EXPECT_EQ(1u, g_allConfig.meshEnable);
-        // The label and the last child as the driver received them (the elements' bytes are
-        // the adapter's).
+        // The label, the beacon and the probe-response template the handler built, and the
+        // last child, as the driver received them (the second template differs only in the
+        // type byte the adapter sets).
         ASSERT_EQ(12u, req.size());
         EXPECT_EQ(hexText(kLabel), payloadOf(req[1]));
+        EXPECT_EQ(padded("01000000 1b000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455", 267),
+                  payloadOf(req[2]));
+        EXPECT_EQ(
+            padded("04000000 9c000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455 80", 267),
+            payloadOf(req[6]));
         EXPECT_EQ(padded("0a0000000004 d35cd3d3d3d3d3d3d3d3d3d3d3d3d3d3 00", 280),
                   payloadOf(req[11]));
         for (size_t i = 0; i < MESH_CHILD_RSA_SLOTS; i++) {
