@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <poll.h>
@@ -183,7 +184,9 @@ int checkDir(const char* dir) {
 // A server's connections are accepted as they come and their requests read side by side,
 // each within its own budget; one whose request is whole, or has failed or run out of time,
 // joins the queue of finished ones, which unix_sock_accept hands out in order. The server
-// thread is the only user of this state.
+// thread is the only user of this state, except l_servingFd: the send and receive calls look
+// there, from any thread, whether a descriptor is a connection being served (a client's
+// descriptor of another thread never is, so such a thread reads nothing else here).
 
 enum class Stage : uint8_t { Free, Reading, Finished, Serving };
 
@@ -202,6 +205,14 @@ struct Pending {
 };
 
 Pending l_pending[UNIX_SOCK_PENDING_MAX];
+std::atomic<int> l_servingFd[UNIX_SOCK_PENDING_MAX]; // the slot's fd + 1 while Serving, else 0
+
+// Moves a slot into or out of Serving, keeping l_servingFd in step.
+void setStage(Pending& p, Stage stage) {
+    p.stage = stage;
+    l_servingFd[&p - l_pending].store(stage == Stage::Serving ? p.fd + 1 : 0,
+                                      std::memory_order_release);
+}
 int l_finished[UNIX_SOCK_PENDING_MAX]; // slot numbers in the order reading ended
 int l_finishedCount = 0;
 int l_servers[4] = {-1, -1, -1, -1}; // listening descriptors opened by unix_sock_initSrv
@@ -217,9 +228,12 @@ bool isServer(int fd) {
 }
 
 Pending* servingSlot(int fd) {
-    for (Pending& p : l_pending) {
-        if (p.stage == Stage::Serving && p.fd == fd) {
-            return &p;
+    if (fd < 0) {
+        return nullptr;
+    }
+    for (size_t i = 0; i < UNIX_SOCK_PENDING_MAX; ++i) {
+        if (l_servingFd[i].load(std::memory_order_acquire) == fd + 1) {
+            return &l_pending[i];
         }
     }
     return nullptr;
@@ -422,7 +436,7 @@ int unix_sock_initSrv(int srvId, UNIX_SOCK_SRV_CTX* ctx, int backlog) {
     for (Pending& p : l_pending) {
         if (p.stage != Stage::Free && p.listenFd == fd) {
             close(p.fd);
-            p.stage = Stage::Free;
+            setStage(p, Stage::Free);
         }
     }
     int kept = 0;
@@ -545,7 +559,7 @@ int unix_sock_accept(int listenFd) {
             memmove(&l_finished[i], &l_finished[i + 1],
                     sizeof l_finished[0] * static_cast<size_t>(l_finishedCount - i - 1));
             --l_finishedCount;
-            p.stage = Stage::Serving;
+            setStage(p, Stage::Serving);
             return p.fd;
         }
     }
@@ -558,7 +572,7 @@ int unix_sock_close(int conn) {
         if (p->headerHeld) {
             rc = sendAll(conn, p->reply, sizeof p->reply);
         }
-        p->stage = Stage::Free;
+        setStage(*p, Stage::Free);
         p->fd = -1;
     }
     return close(conn) < 0 ? -1 : rc;
