@@ -20,17 +20,14 @@ extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* at
 }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    FuzzOs& f = fuzzOs();
-    f.writeFile("/tmp/wireless/mt5g.dat", kFuzzProfile);
-    mesh_api_init();
+    fuzzInitDriver();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzOs& f = fuzzOs();
-    f.input().reset(data, size);
+    FuzzInput& in = fuzzNextInput(data, size);
     MESH_CMD_MSG msg;
-    f.input().take(&msg, sizeof msg);
+    in.take(&msg, sizeof msg);
     mesh_cmd_handle(&msg);
     return 0;
 }

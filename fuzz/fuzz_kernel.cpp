@@ -14,8 +14,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzInput& in = fuzzOs().input();
-    in.reset(data, size);
+    FuzzInput& in = fuzzNextInput(data, size);
     NETCHK_CONFIG cfg;
     in.take(&cfg, sizeof cfg);
     const uint8_t op = in.byte();

@@ -7,14 +7,12 @@
 #include "wlan/mesh_wlan.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzzOs().writeFile("/tmp/wireless/mt5g.dat", kFuzzProfile);
-    mesh_api_init();
+    fuzzInitDriver();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzInput& in = fuzzOs().input();
-    in.reset(data, size);
+    FuzzInput& in = fuzzNextInput(data, size);
     mesh_parentHandler_resetModule();
     mesh_parentHandler_init();
     static MESH_NETLINK_MONITOR mon;

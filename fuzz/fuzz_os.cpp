@@ -2,6 +2,7 @@
 
 #include "platform/linux_os.h"
 #include "platform/wireless.h"
+#include "wlan/mesh_wlan.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -386,4 +387,15 @@ FuzzOs& fuzzOs() {
         return &o;
     }();
     return *os;
+}
+
+void fuzzInitDriver() {
+    fuzzOs().writeFile("/tmp/wireless/mt5g.dat", kFuzzProfile);
+    mesh_api_init();
+}
+
+FuzzInput& fuzzNextInput(const uint8_t* data, size_t size) {
+    FuzzInput& in = fuzzOs().input();
+    in.reset(data, size);
+    return in;
 }

@@ -103,3 +103,9 @@ FuzzOs& fuzzOs();
 
 // A driver profile as the driver ships it, for the targets that rewrite one.
 extern const char* const kFuzzProfile;
+
+// What the targets that talk to the driver do once: the profile in place, the adapter
+// initialised.
+void fuzzInitDriver();
+// The input of one run, reset to the fuzzer's bytes.
+FuzzInput& fuzzNextInput(const uint8_t* data, size_t size);

@@ -15,14 +15,12 @@
 #include <cstring>
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzzOs().writeFile("/tmp/wireless/mt5g.dat", kFuzzProfile);
-    mesh_api_init();
+    fuzzInitDriver();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzInput& in = fuzzOs().input();
-    in.reset(data, size);
+    FuzzInput& in = fuzzNextInput(data, size);
     const uint8_t op = in.byte();
     switch (op % 5) {
     case 0: { // blocks built, encrypted under a key of the input, decrypted again

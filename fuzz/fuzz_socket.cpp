@@ -16,9 +16,7 @@ UNIX_SOCK_SRV_CTX l_srv{};
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    FuzzOs& f = fuzzOs();
-    f.writeFile("/tmp/wireless/mt5g.dat", kFuzzProfile);
-    mesh_api_init();
+    fuzzInitDriver();
     if (unix_sock_initSrv(MESH_CMD_SRV_ID, &l_srv, MESH_CMD_SRV_BACKLOG) != 0) {
         perror("unix_sock_initSrv");
         abort();

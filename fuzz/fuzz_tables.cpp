@@ -5,14 +5,12 @@
 #include "wlan/mesh_wlan_scan.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzzOs().writeFile("/tmp/wireless/mt5g.dat", kFuzzProfile);
-    mesh_api_init();
+    fuzzInitDriver();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzInput& in = fuzzOs().input();
-    in.reset(data, size);
+    FuzzInput& in = fuzzNextInput(data, size);
     const uint8_t op = in.byte();
     if ((op & 3) == 0) {
         uint8_t count = 0;
