@@ -78,8 +78,10 @@ class Servers {
 
     ~Servers() {
         stop_ = true;
-        roundTrip(daemon_.path); // wakes each loop once more
-        roundTrip(echo_.path);
+        // Wake each loop once more, without waiting for an answer: a loop that was not
+        // waiting sees stop_ and ends without serving this connection.
+        close(unix_sock_connectPath(daemon_.path));
+        close(unix_sock_connectPath(echo_.path));
         daemonThread_.join();
         echoThread_.join();
         close(daemon_.listenFd);
