@@ -39,9 +39,11 @@ bench: build
 	@echo "== bench/mesh16"; bench/mesh16 $(BUILD)
 
 # libFuzzer targets (fuzz/), built with clang in build-fuzz/. `make fuzz` runs each for
-# FUZZ_SECONDS; `make fuzz-smoke` runs each on its seed corpus plus a few thousand inputs.
+# FUZZ_SECONDS, FUZZ_JOBS targets at a time; `make fuzz-smoke` runs each on its seed corpus
+# plus a few thousand inputs.
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
+FUZZ_JOBS ?= 1
 FUZZ_CXX ?= $(shell command -v clang++-14 || command -v clang++)
 FUZZ_CC ?= $(shell command -v clang-14 || command -v clang)
 
@@ -51,10 +53,10 @@ fuzz-build: bootstrap
 	@cmake --build $(FUZZ_BUILD) -j$(JOBS)
 
 fuzz: fuzz-build
-	@scripts/fuzz run $(FUZZ_BUILD) $(FUZZ_SECONDS)
+	@scripts/fuzz run $(FUZZ_BUILD) $(FUZZ_SECONDS) $(FUZZ_JOBS)
 
 fuzz-smoke: fuzz-build
-	@scripts/fuzz smoke $(FUZZ_BUILD)
+	@scripts/fuzz smoke $(FUZZ_BUILD) $(JOBS)
 
 asan: bootstrap
 	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DZORMESH_SANITIZE=address,undefined >/dev/null
