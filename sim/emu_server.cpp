@@ -215,6 +215,9 @@ void Server::serve(Conn* c) {
     if (c->helloDone) {
         handler_.disconnected(c->peer);
     }
+    // The peer learns at once that nothing more will be answered; the descriptor itself is
+    // closed when the connection is reaped.
+    shutdown(c->fd, SHUT_RDWR);
     c->done = true;
 }
 
