@@ -1258,6 +1258,8 @@ void mkdirs(const std::string& path) {
     }
 }
 
+void sendConfiguration(Node& n, bool enable);
+
 // Starts the node's daemon and sends it its configuration; caller does not hold the lock.
 bool startDaemon(Node& n, std::string* error) {
     std::string out = n.root + "/daemon.out";
@@ -1298,7 +1300,15 @@ bool startDaemon(Node& n, std::string* error) {
         n.alive = true;
     }
     g_timeline.add(n.def.name, "daemon started under " + n.root);
+    sendConfiguration(n, n.def.enable);
+    return true;
+}
+
+// The management side hands the node its configuration (command type 1), the mesh enabled or
+// not; caller does not hold the lock.
+void sendConfiguration(Node& n, bool enable) {
     MESH_ALL_CONFIG cfg = g_world.configOf(n);
+    cfg.meshEnable = enable ? 1 : 0;
     if (!n.def.configJson.empty()) {
         // The scenario's own fields over the built record (checked when the scenario was read).
         records::Json doc = records::toJson(records::config(), &cfg);
@@ -1312,8 +1322,7 @@ bool startDaemon(Node& n, std::string* error) {
     memcpy(payload.data(), &cfg, sizeof cfg);
     g_world.command(n, MESH_CMD_INIT_MESH, payload,
                     std::string("configuration sent, mesh ") +
-                        (n.def.enable ? "enabled" : "disabled"));
-    return true;
+                        (cfg.meshEnable != 0 ? "enabled" : "disabled"));
 }
 
 // The driver of a node whose daemon died starts from nothing; caller holds the lock.
@@ -1485,6 +1494,13 @@ void judge(const sim::ExpectDef& x, Verdict& v, double t, bool end) {
             v = {true, true, "not seen", t};
         }
         break;
+    case sim::ExpectKind::Quiet:
+        if (!n->errors.empty()) {
+            v = {true, false, n->errors.front()["daemon"].get<std::string>() + " " + when(), t};
+        } else if (end) {
+            v = {true, true, "none", t};
+        }
+        break;
     }
 }
 
@@ -1564,6 +1580,10 @@ void applyEvent(const sim::EventDef& e) {
         }
         break;
     }
+    case sim::EventKind::Configure:
+        g_timeline.add(e.node, "event: configuration sent again");
+        sendConfiguration(*n, e.on);
+        break;
     case sim::EventKind::Rescan: {
         g_timeline.add(e.node, "event: rescan requested");
         Bytes one = {1, 0, 0, 0};
