@@ -93,22 +93,6 @@ TEST(Utilities, RefusalsLeaveTheOutputAlone) {
     EXPECT_STREQ("untouched", text);
 }
 
-TEST(Utilities, DottedAddressAndResultText) {
-    char out[16];
-    memset(out, 'x', sizeof out);
-    ASSERT_EQ(0u, mesh_common_ipToStr(0, out));
-    EXPECT_EQ(std::string(16, '\0'), std::string(out, 16)) << "address 0 clears all 16 bytes";
-    for (auto [ip, text] :
-         {std::pair{0xC0A80001u, "192.168.0.1"}, {0xFFFFFFFFu, "255.255.255.255"}}) {
-        ASSERT_EQ(0u, mesh_common_ipToStr(ip, out));
-        EXPECT_STREQ(text, out);
-    }
-    for (auto [result, text] :
-         {std::pair{0u, "SUCCESS"}, {1u, "FAIL"}, {2u, "INVALID"}, {~0u, "INVALID"}}) {
-        EXPECT_STREQ(text, mesh_common_resultStr(result));
-    }
-}
-
 // (Command lines cut at 511 characters are checked with the profile store's setter.)
 TEST(Utilities, SystemfPassesTheWaitStatusUptimeFollowsTheClock) {
     FakeOsScope s;

@@ -1,4 +1,4 @@
-// State vocabulary, the management-state file, the condition getters, command types 13 and 15,
+// The management-state file, the condition getters, command types 13 and 15,
 // and the wired link-state readers on the contents of the GPON and Ethernet driver files.
 #include "state_fixture.h"
 
@@ -10,24 +10,6 @@
 namespace {
 
 using StateModel = StateTest;
-
-TEST_F(StateModel, NamesOfEveryValue) {
-    auto names = [](const char* (*name)(uint32_t)) { // of 0, 1, 2, 3, 4 and -1
-        std::string s;
-        for (uint32_t v : {0u, 1u, 2u, 3u, 4u, STATE_ANY}) {
-            s += std::string(name(v)) + "|";
-        }
-        return s;
-    };
-    EXPECT_EQ("|MESH_STATE_NORMAL|MESH_STATE_MESH||MESH_STATE_ISOLATED||", names(getMeshStateStr));
-    EXPECT_EQ("|LAN_ON|LAN_OFF||||", names(getLanStateStr));
-    EXPECT_EQ("STA_DISABLE|STA_ON|STA_OFF|STA_DISABLE|STA_DISABLE|STA_DISABLE|",
-              names(getStaStateStr));
-    EXPECT_EQ("|ORB_STATE_MANAGED|ORB_STATE_UNMANAGED||||", names(getOrbStateStr));
-    EXPECT_EQ("|NETWORK_STATE_ON|NETWORK_STATE_OFF||NETWORK_STATE_CHECKING||",
-              names(getNetStateStr));
-    EXPECT_EQ("|MESH_LOOP_STATE_ON|MESH_STATE_OFF||||", names(getLoopStateStr));
-}
 
 TEST_F(StateModel, ManagementFile) {
     // 4294967299 is not 3 cut to 32 bits.

@@ -84,14 +84,9 @@ class StateThread : public StateTest {
                                               reinterpret_cast<const uint8_t*>(&block)));
         handleNetlinkParent(&info);
     }
-    Lines events() { // the event-log texts since the last call, without their stamps
-        Lines fresh;
-        const std::string log = fake.readFile(MESH_LOG_PATH);
-        for (size_t p = seen, e; (e = log.find("\r\n", p)) != std::string::npos; p = e + 2) {
-            fresh.push_back(log.substr(p + 21, e - p - 21));
-            seen = e + 2;
-        }
-        return fresh;
+    Lines events() { // the event-log texts since the last call
+        Lines all = eventTexts(fake.readFile(MESH_LOG_PATH));
+        return Lines(all.begin() + static_cast<long>(std::exchange(seen, all.size())), all.end());
     }
     size_t count(const char* line) {
         const Lines l = fake.shellLines();
