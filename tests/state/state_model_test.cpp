@@ -1,8 +1,6 @@
-// The management-state file, the condition getters, command types 13 and 15,
-// and the wired link-state readers on the contents of the GPON and Ethernet driver files.
+// The management-state file, the condition getters, and the wired link-state readers on the
+// contents of the GPON and Ethernet driver files.
 #include "state_fixture.h"
-
-#include "core/mesh_msg.h"
 
 #include <cstring>
 #include <sys/stat.h>
@@ -40,7 +38,7 @@ TEST_F(StateModel, ManagementFile) {
     rmdir(path.c_str());
 }
 
-TEST_F(StateModel, GettersAndCommands) {
+TEST_F(StateModel, Getters) {
     EXPECT_EQ(0u, setLanIfName("abcdefghijklmnopqrst"));
     EXPECT_EQ(1u, setLanIfName(nullptr)); // changes nothing
     EXPECT_STREQ("abcdefghijklmno", getLanIfName());
@@ -55,21 +53,6 @@ TEST_F(StateModel, GettersAndCommands) {
     EXPECT_EQ(STA_OFF, getStaState());
     word = 0;
     EXPECT_EQ(STA_OFF, getStaState());
-
-    // Type 13 answers the mesh state at payload offset 0; type 15 stores the request word.
-    MESH_CMD_MSG msg;
-    memset(&msg, 0x5A, sizeof msg);
-    msg.type = MESH_CMD_GET_MESH_STATE;
-    setMeshState(MESH_STATE_ISOLATED);
-    EXPECT_EQ(0u, mesh_cmd_handle(&msg));
-    EXPECT_EQ(hexText("0d000000 5a5a5a5a 04000000 5a5a5a5a"), toHex(&msg, 16));
-    EXPECT_EQ(1u, mesh_state_getMeshState(nullptr));
-    msg.type = MESH_CMD_REQUEST_RESCAN;
-    for (uint32_t request : {1u, 0u}) {
-        memcpy(msg.payload, &request, sizeof request);
-        EXPECT_EQ(0u, mesh_cmd_handle(&msg));
-        EXPECT_EQ(request, getRescanRequest());
-    }
 }
 
 TEST_F(StateModel, GponUplink) {
