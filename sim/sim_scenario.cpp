@@ -334,7 +334,7 @@ ExpectDef parseExpect(const Scenario& s, const json& j, const std::string& path)
             throw BadScenario(at(path, "errors"), "must be \"none\", with \"node\" alone");
         }
         x.kind = ExpectKind::Quiet;
-        x.text = x.node + " prints no error line";
+        x.text = x.node + " prints no error line and makes no operation the models refuse";
         return x;
     }
     if (j.contains("state")) {

@@ -66,7 +66,7 @@ enum class ExpectKind {
     Reach, // the node is in `state` (with `parent`) at some time in [after, within]
     At,    // the node is in `state` (with `parent`) at time `at`
     Never, // no node (or `node`) is in `state` from `after` to the end
-    Quiet, // `node`'s daemon prints no error line up to the end
+    Quiet, // `node`'s daemon prints no error line and the models refuse none of its operations
 };
 
 struct ExpectDef {

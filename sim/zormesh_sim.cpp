@@ -364,6 +364,11 @@ class World {
         n.modelErrors.push_back({{"t", Timeline::round1(g_clock.now())}, {"model", what}});
     }
 
+    std::string firstModelError(Node& n) { // "" while the models refused nothing
+        std::lock_guard<std::mutex> g(errMu_);
+        return n.modelErrors.empty() ? "" : n.modelErrors.front()["model"].get<std::string>();
+    }
+
     void noteParent(Node& n) { // caller holds mu
         n.parents.push_back({{"t", Timeline::round1(g_clock.now())},
                              {"parent", n.parent.empty() ? json(nullptr) : json(n.parent)}});
@@ -1494,13 +1499,17 @@ void judge(const sim::ExpectDef& x, Verdict& v, double t, bool end) {
             v = {true, true, "not seen", t};
         }
         break;
-    case sim::ExpectKind::Quiet:
+    case sim::ExpectKind::Quiet: {
+        const std::string refused = g_world.firstModelError(*n);
         if (!n->errors.empty()) {
             v = {true, false, n->errors.front()["daemon"].get<std::string>() + " " + when(), t};
+        } else if (!refused.empty()) {
+            v = {true, false, "refused: " + refused + " " + when(), t};
         } else if (end) {
             v = {true, true, "none", t};
         }
         break;
+    }
     }
 }
 
