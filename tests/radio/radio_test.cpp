@@ -139,15 +139,6 @@ TEST_F(RadioTest, LabelAndChildrenGoToTheDriverAsWholeRecords) {
                      "call RTPRIV_IOCTL_MESH fail"}),
               errors());
     EXPECT_TRUE(fake().shellLines().empty());
-    // Missing arguments: nothing at all, except a removal without a station MAC to kick.
-    fake().clearRecords();
-    EXPECT_EQ(1u, mesh_wlan_setLabel(nullptr) & mesh_wlan_addChild(nullptr) &
-                      mesh_wlan_delChild(nullptr, sta.data()) & mesh_wlan_kickSta(nullptr));
-    EXPECT_TRUE(fake().ioctls().empty());
-    fake().onIoctl(0x8BF5, [](FakeOs::Ioctl&) { return 0; });
-    EXPECT_EQ(1u, mesh_wlan_delChild(child.data(), nullptr));
-    EXPECT_EQ(1u, fake().ioctls().size());
-    EXPECT_TRUE(fake().shellLines().empty());
 }
 
 } // namespace
