@@ -221,9 +221,9 @@ void parseAdmit(Scenario& s, const json& nodes, const std::string& path) {
 }
 
 EventDef parseEvent(const Scenario& s, const json& j, const std::string& path) {
-    onlyKeys(
-        j, path,
-        {"at", "uplink", "node", "link", "signal", "loop", "between", "kill", "restart", "rescan"});
+    onlyKeys(j, path,
+             {"at", "uplink", "node", "link", "signal", "loop", "between", "kill", "restart",
+              "configure", "enable", "rescan"});
     EventDef e;
     e.path = path;
     if (!j.contains("at")) {
@@ -276,6 +276,7 @@ EventDef parseEvent(const Scenario& s, const json& j, const std::string& path) {
     }
     for (auto [key, kind] :
          {std::make_pair("kill", EventKind::Kill), std::make_pair("restart", EventKind::Restart),
+          std::make_pair("configure", EventKind::Configure),
           std::make_pair("rescan", EventKind::Rescan)}) {
         if (j.contains(key)) {
             ++kinds;
@@ -283,15 +284,25 @@ EventDef parseEvent(const Scenario& s, const json& j, const std::string& path) {
             e.node = nodeRef(s, j[key], at(path, key));
         }
     }
+    if (j.contains("enable")) {
+        if (!j.contains("configure") || !j["enable"].is_boolean()) {
+            throw BadScenario(at(path, "enable"), "must be true or false, with \"configure\"");
+        }
+        e.on = j["enable"].get<bool>();
+    } else if (j.contains("configure")) {
+        for (const auto& n : s.nodes) {
+            e.on = n.name == e.node ? n.enable : e.on;
+        }
+    }
     if (kinds != 1) {
         throw BadScenario(path, "an event is exactly one of uplink, link, loop, kill, restart, "
-                                "rescan");
+                                "configure, rescan");
     }
     return e;
 }
 
 ExpectDef parseExpect(const Scenario& s, const json& j, const std::string& path) {
-    onlyKeys(j, path, {"node", "state", "parent", "within", "after", "at", "never"});
+    onlyKeys(j, path, {"node", "state", "parent", "within", "after", "at", "never", "errors"});
     ExpectDef x;
     x.path = path;
     if (j.contains("node")) {
@@ -317,6 +328,14 @@ ExpectDef parseExpect(const Scenario& s, const json& j, const std::string& path)
     }
     if (x.node.empty()) {
         throw BadScenario(path, "an expectation needs \"node\" (or \"never\")");
+    }
+    if (j.contains("errors")) {
+        if (j["errors"] != "none" || j.size() != 2) {
+            throw BadScenario(at(path, "errors"), "must be \"none\", with \"node\" alone");
+        }
+        x.kind = ExpectKind::Quiet;
+        x.text = x.node + " prints no error line and makes no operation the models refuse";
+        return x;
     }
     if (j.contains("state")) {
         x.state = state(j["state"], at(path, "state"));

@@ -51,7 +51,7 @@ struct LinkDef {
     int signal = -50;
 };
 
-enum class EventKind { Uplink, Link, Loop, Kill, Restart, Rescan };
+enum class EventKind { Uplink, Link, Loop, Kill, Restart, Configure, Rescan };
 
 struct EventDef {
     double at = 0;
@@ -66,6 +66,7 @@ enum class ExpectKind {
     Reach, // the node is in `state` (with `parent`) at some time in [after, within]
     At,    // the node is in `state` (with `parent`) at time `at`
     Never, // no node (or `node`) is in `state` from `after` to the end
+    Quiet, // `node`'s daemon prints no error line and the models refuse none of its operations
 };
 
 struct ExpectDef {

@@ -364,6 +364,11 @@ class World {
         n.modelErrors.push_back({{"t", Timeline::round1(g_clock.now())}, {"model", what}});
     }
 
+    std::string firstModelError(Node& n) { // "" while the models refused nothing
+        std::lock_guard<std::mutex> g(errMu_);
+        return n.modelErrors.empty() ? "" : n.modelErrors.front()["model"].get<std::string>();
+    }
+
     void noteParent(Node& n) { // caller holds mu
         n.parents.push_back({{"t", Timeline::round1(g_clock.now())},
                              {"parent", n.parent.empty() ? json(nullptr) : json(n.parent)}});
@@ -1258,6 +1263,8 @@ void mkdirs(const std::string& path) {
     }
 }
 
+void sendConfiguration(Node& n, bool enable);
+
 // Starts the node's daemon and sends it its configuration; caller does not hold the lock.
 bool startDaemon(Node& n, std::string* error) {
     std::string out = n.root + "/daemon.out";
@@ -1298,7 +1305,15 @@ bool startDaemon(Node& n, std::string* error) {
         n.alive = true;
     }
     g_timeline.add(n.def.name, "daemon started under " + n.root);
+    sendConfiguration(n, n.def.enable);
+    return true;
+}
+
+// The management side hands the node its configuration (command type 1), the mesh enabled or
+// not; caller does not hold the lock.
+void sendConfiguration(Node& n, bool enable) {
     MESH_ALL_CONFIG cfg = g_world.configOf(n);
+    cfg.meshEnable = enable ? 1 : 0;
     if (!n.def.configJson.empty()) {
         // The scenario's own fields over the built record (checked when the scenario was read).
         records::Json doc = records::toJson(records::config(), &cfg);
@@ -1312,8 +1327,7 @@ bool startDaemon(Node& n, std::string* error) {
     memcpy(payload.data(), &cfg, sizeof cfg);
     g_world.command(n, MESH_CMD_INIT_MESH, payload,
                     std::string("configuration sent, mesh ") +
-                        (n.def.enable ? "enabled" : "disabled"));
-    return true;
+                        (cfg.meshEnable != 0 ? "enabled" : "disabled"));
 }
 
 // The driver of a node whose daemon died starts from nothing; caller holds the lock.
@@ -1485,6 +1499,17 @@ void judge(const sim::ExpectDef& x, Verdict& v, double t, bool end) {
             v = {true, true, "not seen", t};
         }
         break;
+    case sim::ExpectKind::Quiet: {
+        const std::string refused = g_world.firstModelError(*n);
+        if (!n->errors.empty()) {
+            v = {true, false, n->errors.front()["daemon"].get<std::string>() + " " + when(), t};
+        } else if (!refused.empty()) {
+            v = {true, false, "refused: " + refused + " " + when(), t};
+        } else if (end) {
+            v = {true, true, "none", t};
+        }
+        break;
+    }
     }
 }
 
@@ -1564,6 +1589,10 @@ void applyEvent(const sim::EventDef& e) {
         }
         break;
     }
+    case sim::EventKind::Configure:
+        g_timeline.add(e.node, "event: configuration sent again");
+        sendConfiguration(*n, e.on);
+        break;
     case sim::EventKind::Rescan: {
         g_timeline.add(e.node, "event: rescan requested");
         Bytes one = {1, 0, 0, 0};

@@ -1,5 +1,5 @@
-// The event log (stamps, line ends, the 64 KiB rule, a log that cannot be opened) and the
-// error log's line format.
+// The event log: stamps, line ends, the 64 KiB rule, a log that cannot be opened. (The error
+// log's line format shows in the node's start-up failures.)
 #include "core/mesh_log.h"
 #include "test_util.h"
 
@@ -61,16 +61,6 @@ TEST_F(EventLog, UnopenableLogIsReportedAndLinesAreDropped) {
     EXPECT_EQ(Lines{"open log file failed"}, errorTexts(s.fake.stdoutText()));
     MESH_EVENT("%s", "nobody sees this"); // must not crash
     EXPECT_EQ(nullptr, g_meshLog);
-}
-
-TEST(ErrorLog, PrefixFunctionLineAndCrlf) {
-    FakeOsScope s;
-    int line = __LINE__ + 1;
-    MESH_ERR("len(%d) is invalid.", 1455);
-    char expected[128];
-    snprintf(expected, sizeof expected, "[MESH][ERROR](TestBody) %05d: len(1455) is invalid.\r\n",
-             line);
-    EXPECT_EQ(expected, s.fake.stdoutText());
 }
 
 } // namespace

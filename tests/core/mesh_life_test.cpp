@@ -118,13 +118,7 @@ class MeshLife : public WlanTest {
     }
     Lines events() {
         fflush(g_meshLog);
-        Lines out;
-        std::string log = fake().readFile(MESH_LOG_PATH);
-        for (size_t pos = 0, end; (end = log.find("\r\n", pos)) != std::string::npos;
-             pos = end + 2) {
-            out.push_back(log.substr(pos + 21, end - pos - 21)); // after the time stamp
-        }
-        return out;
+        return eventTexts(fake().readFile(MESH_LOG_PATH));
     }
     // Children 1 to 3 configured: 1 admitted and heard (station 06:00:00:00:00:01, a key), 2
     // admitted but not heard, 3 without a slot.

@@ -1,7 +1,5 @@
 // The candidate-parent scan commands: one detached scan at a time, its state, its result (a
 // reader waits for a running scan), and the scan-done notice at the event service.
-#include <utility> // service_socket.h uses std::exchange
-
 #include "../wlan/wlan_fixture.h"
 #include "../security/service_socket.h"
 

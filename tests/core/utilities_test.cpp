@@ -76,39 +76,6 @@ TEST(Utilities, Md5AndPassphraseAgainstPublishedAndIndependentlyComputedDigests)
     EXPECT_STREQ("15531fe6242edc8518fe842fb0f390df", out);
 }
 
-TEST(Utilities, RefusalsLeaveTheOutputAlone) {
-    uint8_t digest[16];
-    memset(digest, 0xAB, sizeof digest);
-    char text[33] = "untouched";
-    // Each refusal answers 1, so their conjunction is 1 only when all of them refuse.
-    EXPECT_EQ(1u, mesh_common_md5("x", 0, digest) & mesh_common_md5(nullptr, 1, digest) &
-                      mesh_common_md5("x", 1, nullptr) & mesh_common_md5ToHex(nullptr, text) &
-                      mesh_common_md5ToHex(digest, nullptr) &
-                      mesh_common_calcPassphrase(nullptr, digest, text) &
-                      mesh_common_calcPassphrase(digest, nullptr, text) &
-                      mesh_common_calcPassphrase(digest, digest, nullptr) &
-                      mesh_common_hexDigit(16, &text[0]) & mesh_common_hexDigit(3, nullptr) &
-                      mesh_common_ipToStr(1, nullptr));
-    EXPECT_EQ(Bytes(16, 0xAB), Bytes(digest, digest + 16));
-    EXPECT_STREQ("untouched", text);
-}
-
-TEST(Utilities, DottedAddressAndResultText) {
-    char out[16];
-    memset(out, 'x', sizeof out);
-    ASSERT_EQ(0u, mesh_common_ipToStr(0, out));
-    EXPECT_EQ(std::string(16, '\0'), std::string(out, 16)) << "address 0 clears all 16 bytes";
-    for (auto [ip, text] :
-         {std::pair{0xC0A80001u, "192.168.0.1"}, {0xFFFFFFFFu, "255.255.255.255"}}) {
-        ASSERT_EQ(0u, mesh_common_ipToStr(ip, out));
-        EXPECT_STREQ(text, out);
-    }
-    for (auto [result, text] :
-         {std::pair{0u, "SUCCESS"}, {1u, "FAIL"}, {2u, "INVALID"}, {~0u, "INVALID"}}) {
-        EXPECT_STREQ(text, mesh_common_resultStr(result));
-    }
-}
-
 // (Command lines cut at 511 characters are checked with the profile store's setter.)
 TEST(Utilities, SystemfPassesTheWaitStatusUptimeFollowsTheClock) {
     FakeOsScope s;

@@ -1,7 +1,8 @@
 // The Remote platform against the test emulator over a real socket, for what no single
 // exchange shows: scripted answers and real sed on the profile, the largest payload, random
-// bytes replayed from a seed, the profile lock, a connection per thread, and a vanished
-// emulator that looks like a vanished driver.
+// bytes replayed from a seed, the profile lock, and a vanished emulator that looks like a
+// vanished driver. (A connection per thread shows in the scenarios: the node's threads block
+// on their own connections.)
 #include "e2e_util.h"
 
 namespace {
@@ -83,13 +84,6 @@ TEST_F(RemoteProtocol, ScriptedAnswersReachTheDaemonAndSedChangesTheRealProfile)
     for (size_t i = 0; i < table.size(); ++i) {
         ASSERT_EQ(static_cast<uint8_t>(0xEE + i), table[i]) << i;
     }
-    // A driver that fails may still have rewritten the payload: both come back.
-    emu_.onIoctl(0x8BFE, [](emu::IoctlCall& call) {
-        call.payload[0] = 'x';
-        return EOPNOTSUPP;
-    });
-    EXPECT_RESULT(-1, EOPNOTSUPP, node.wlanIoctl(s, 0x8BFE, &scan));
-    EXPECT_EQ('x', table[0]);
     EXPECT_RESULT(-1, EBADF, node.wlanIoctl(s + 1000, SIOCGIFFLAGS, &scan));
 }
 
@@ -142,22 +136,6 @@ TEST_F(RemoteProtocol, SemaphoreCallsAreReportedAndTheLockStaysReal) {
                   "c1 sem op id=" + set + " 0:-1:0x1000", "c1 sem op id=" + set + " 0:1:0x1000",
                   "c1 sem op id=" + set + " 0:1:0x1000", "c1 sem remove id=" + set}),
               std::vector<std::string>(lines.begin() + 1, lines.end()));
-}
-
-TEST_F(RemoteProtocol, EveryThreadTalksOnAConnectionOfItsOwn) {
-    RemoteOs& node = startNode();
-    node.runShell("echo main");
-    std::thread([&node] { node.runShell("echo worker"); }).join();
-    EXPECT_TRUE(emu_.waitFor("c2 bye thread", e2e::kStartMs)); // released when the thread ended
-    std::thread([&node] { node.runShell("echo next"); }).join();
-    EXPECT_TRUE(emu_.waitFor("c3 bye thread", e2e::kStartMs));
-    std::string pid = std::to_string(getpid());
-    EXPECT_EQ(
-        (std::vector<std::string>{"c1 hello main pid=" + pid + " scale=1", "c1 shell echo main",
-                                  "c2 hello thread pid=" + pid + " scale=1", "c2 shell echo worker",
-                                  "c2 bye thread", "c3 hello thread pid=" + pid + " scale=1",
-                                  "c3 shell echo next", "c3 bye thread"}),
-        emu_.transcript());
 }
 
 TEST_F(RemoteProtocol, AVanishedEmulatorLooksLikeAVanishedDriver) {

@@ -77,25 +77,4 @@ TEST_F(IeTest, ProbeResponseInstalledWithType2ThenType3) {
     }
 }
 
-TEST_F(IeTest, RefusedRequestsAndMissingArguments) {
-    auto beacon = fromHex<MESH_IE_BASIC>(kBeacon);
-    MESH_IE_PROBE_REQ probe{};
-    fake().onIoctl(0x8BE1, [](FakeOs::Ioctl&) { return EOPNOTSUPP; });
-    EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("ra0", &beacon) &
-                      mesh_wlan_deleteNormalApBeacon("ra0", &beacon) &
-                      mesh_wlan_updateBkhApBeacon(&beacon) & mesh_wlan_updateProbeReq(&probe) &
-                      mesh_wlan_updateAssocReq(&beacon));
-    EXPECT_EQ(Lines(5, "call RT_PRIV_IOCTL fail"), errors());
-    EXPECT_EQ(5u, fake().ioctls().size());
-
-    fake().clearRecords();
-    // Each refusal answers 1: the conjunction is 1 only when all of them refuse.
-    EXPECT_EQ(1u, mesh_wlan_updateNormalApBeacon("", &beacon) &
-                      mesh_wlan_deleteNormalApBeacon("ra0", nullptr) &
-                      mesh_wlan_updateBkhApBeacon(nullptr) & mesh_wlan_updateProbeReq(nullptr) &
-                      mesh_wlan_updateAssocReq(nullptr) & mesh_wlan_updateProbeRes(nullptr));
-    EXPECT_TRUE(fake().ioctls().empty());
-    EXPECT_TRUE(errors().empty());
-}
-
 } // namespace

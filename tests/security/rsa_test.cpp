@@ -157,17 +157,4 @@ TEST_F(RsaTest, GarbageWrongKeyAndUnusableKeysFail) {
     EXPECT_EQ(Lines{}, errors());
 }
 
-TEST_F(RsaTest, RandomBytesComeFromTheSeam) {
-    fake.queueRandom({0xde, 0xad, 0xbe, 0xef});
-    uint8_t buf[16] = {};
-    ASSERT_EQ(0u, mesh_common_getRandom(4, buf));
-    EXPECT_EQ("deadbeef", toHex(buf, 4));
-    fake.clearRecords();
-    EXPECT_EQ(1u, mesh_common_getRandom(0, buf) & mesh_common_getRandom(4, nullptr));
-    EXPECT_TRUE(fake.transcript().empty()) << "the source is not even opened";
-    fake.failNth(FakeOs::Op::Random, "", 1, ENOENT);
-    EXPECT_EQ(1u, mesh_common_getRandom(16, buf));
-    EXPECT_EQ("", fake.takeStdout()) << "an unopenable source is not reported";
-}
-
 } // namespace

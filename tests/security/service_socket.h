@@ -6,8 +6,6 @@
 
 #include "fake_os.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>

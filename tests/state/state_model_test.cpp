@@ -1,8 +1,6 @@
-// State vocabulary, the management-state file, the condition getters, command types 13 and 15,
-// and the wired link-state readers on the contents of the GPON and Ethernet driver files.
+// The management-state file, the condition getters, and the wired link-state readers on the
+// contents of the GPON and Ethernet driver files.
 #include "state_fixture.h"
-
-#include "core/mesh_msg.h"
 
 #include <cstring>
 #include <sys/stat.h>
@@ -10,24 +8,6 @@
 namespace {
 
 using StateModel = StateTest;
-
-TEST_F(StateModel, NamesOfEveryValue) {
-    auto names = [](const char* (*name)(uint32_t)) { // of 0, 1, 2, 3, 4 and -1
-        std::string s;
-        for (uint32_t v : {0u, 1u, 2u, 3u, 4u, STATE_ANY}) {
-            s += std::string(name(v)) + "|";
-        }
-        return s;
-    };
-    EXPECT_EQ("|MESH_STATE_NORMAL|MESH_STATE_MESH||MESH_STATE_ISOLATED||", names(getMeshStateStr));
-    EXPECT_EQ("|LAN_ON|LAN_OFF||||", names(getLanStateStr));
-    EXPECT_EQ("STA_DISABLE|STA_ON|STA_OFF|STA_DISABLE|STA_DISABLE|STA_DISABLE|",
-              names(getStaStateStr));
-    EXPECT_EQ("|ORB_STATE_MANAGED|ORB_STATE_UNMANAGED||||", names(getOrbStateStr));
-    EXPECT_EQ("|NETWORK_STATE_ON|NETWORK_STATE_OFF||NETWORK_STATE_CHECKING||",
-              names(getNetStateStr));
-    EXPECT_EQ("|MESH_LOOP_STATE_ON|MESH_STATE_OFF||||", names(getLoopStateStr));
-}
 
 TEST_F(StateModel, ManagementFile) {
     // 4294967299 is not 3 cut to 32 bits.
@@ -58,7 +38,7 @@ TEST_F(StateModel, ManagementFile) {
     rmdir(path.c_str());
 }
 
-TEST_F(StateModel, GettersAndCommands) {
+TEST_F(StateModel, Getters) {
     EXPECT_EQ(0u, setLanIfName("abcdefghijklmnopqrst"));
     EXPECT_EQ(1u, setLanIfName(nullptr)); // changes nothing
     EXPECT_STREQ("abcdefghijklmno", getLanIfName());
@@ -73,21 +53,6 @@ TEST_F(StateModel, GettersAndCommands) {
     EXPECT_EQ(STA_OFF, getStaState());
     word = 0;
     EXPECT_EQ(STA_OFF, getStaState());
-
-    // Type 13 answers the mesh state at payload offset 0; type 15 stores the request word.
-    MESH_CMD_MSG msg;
-    memset(&msg, 0x5A, sizeof msg);
-    msg.type = MESH_CMD_GET_MESH_STATE;
-    setMeshState(MESH_STATE_ISOLATED);
-    EXPECT_EQ(0u, mesh_cmd_handle(&msg));
-    EXPECT_EQ(hexText("0d000000 5a5a5a5a 04000000 5a5a5a5a"), toHex(&msg, 16));
-    EXPECT_EQ(1u, mesh_state_getMeshState(nullptr));
-    msg.type = MESH_CMD_REQUEST_RESCAN;
-    for (uint32_t request : {1u, 0u}) {
-        memcpy(msg.payload, &request, sizeof request);
-        EXPECT_EQ(0u, mesh_cmd_handle(&msg));
-        EXPECT_EQ(request, getRescanRequest());
-    }
 }
 
 TEST_F(StateModel, GponUplink) {

@@ -166,14 +166,6 @@ void FakeOs::queueNetlink(const Bytes& message) {
     netlinkCv_.notify_all();
 }
 
-void FakeOs::shutdownNetlink() {
-    {
-        std::lock_guard<std::mutex> g(mu_);
-        netlinkDown_ = true;
-    }
-    netlinkCv_.notify_all();
-}
-
 int FakeOs::failNth(Op op, const std::string& match, int nth, int err) {
     std::lock_guard<std::mutex> g(mu_);
     failRules_.push_back(FailRule{op, match, nth, err, 0, false});
@@ -202,8 +194,13 @@ int FakeOs::checkFail(Op op, const std::string& key) {
     return err;
 }
 
-void FakeOs::record(const std::string& line) {
+bool FakeOs::failing(const std::string& line, Op op, const std::string& key) {
     transcript_.push_back(line);
+    const int err = checkFail(op, key);
+    if (err != 0) {
+        errno = err;
+    }
+    return err != 0;
 }
 
 // ---- clock ----------------------------------------------------------------------------------
@@ -302,19 +299,14 @@ uint64_t FakeOs::nowMillis() const {
 
 // ---- records --------------------------------------------------------------------------------
 
-std::vector<std::string> FakeOs::transcript() const {
-    std::lock_guard<std::mutex> g(mu_);
-    return transcript_;
-}
-
-std::vector<std::string> FakeOs::shellLines() const {
-    std::lock_guard<std::mutex> g(mu_);
-    return shell_;
-}
-
-std::vector<FakeOs::IoctlRecord> FakeOs::ioctls() const {
-    std::lock_guard<std::mutex> g(mu_);
-    return ioctls_;
+std::vector<std::string> FakeOs::transcriptOf(const std::string& prefix) const {
+    std::vector<std::string> out;
+    for (const std::string& l : transcript()) {
+        if (l.compare(0, prefix.size(), prefix) == 0) {
+            out.push_back(l.substr(prefix.size()));
+        }
+    }
+    return out;
 }
 
 std::vector<FakeOs::IoctlRecord> FakeOs::ioctls(unsigned long request) const {
@@ -328,35 +320,12 @@ std::vector<FakeOs::IoctlRecord> FakeOs::ioctls(unsigned long request) const {
     return out;
 }
 
-std::vector<FakeOs::ProcWrite> FakeOs::procWrites() const {
-    std::lock_guard<std::mutex> g(mu_);
-    return procWrites_;
-}
-
-std::vector<std::string> FakeOs::procReads() const {
-    std::lock_guard<std::mutex> g(mu_);
-    return procReads_;
-}
-
-std::vector<FakeOs::Packet> FakeOs::packetsSent() const {
-    std::lock_guard<std::mutex> g(mu_);
-    return packets_;
-}
-
-std::vector<Bytes> FakeOs::netlinkSent() const {
-    std::lock_guard<std::mutex> g(mu_);
-    return netlinkSent_;
-}
-
 void FakeOs::clearRecords() {
     std::lock_guard<std::mutex> g(mu_);
     transcript_.clear();
-    shell_.clear();
     ioctls_.clear();
     procWrites_.clear();
-    procReads_.clear();
     packets_.clear();
-    netlinkSent_.clear();
     stdout_.clear();
     stderr_.clear();
 }
@@ -366,16 +335,6 @@ std::string FakeOs::takeStdout() {
     std::string out;
     out.swap(stdout_);
     return out;
-}
-
-std::string FakeOs::stdoutText() const {
-    std::lock_guard<std::mutex> g(mu_);
-    return stdout_;
-}
-
-std::string FakeOs::stderrText() const {
-    std::lock_guard<std::mutex> g(mu_);
-    return stderr_;
 }
 
 std::string FakeOs::rooted(const std::string& fixed) {
@@ -407,11 +366,7 @@ int FakeOs::runShell(const char* line) {
     std::function<int(const std::string&)> handler;
     {
         std::lock_guard<std::mutex> g(mu_);
-        shell_.push_back(l);
-        record("shell " + l);
-        if (int err = checkFail(Op::Shell, l)) {
-            return err == -1 ? 1 : err;
-        }
+        transcript_.push_back("shell " + l);
         for (const auto& p : realPrefixes_) {
             real = real || l.compare(0, p.size(), p) == 0;
         }
@@ -437,12 +392,7 @@ const char* FakeOs::path(const char* fixed, char* out, size_t cap) {
 
 int FakeOs::readProc(const char* path, void* buf, size_t max) {
     std::lock_guard<std::mutex> g(mu_);
-    procReads_.push_back(path);
-    record(std::string("proc-read ") + path);
-    if (int err = checkFail(Op::ProcRead, path)) {
-        errno = err;
-        return -1;
-    }
+    transcript_.push_back(std::string("proc-read ") + path);
     auto it = proc_.find(path);
     if (it == proc_.end()) {
         errno = ENOENT;
@@ -457,19 +407,16 @@ int FakeOs::writeProc(const char* path, const void* buf, size_t len) {
     std::lock_guard<std::mutex> g(mu_);
     const auto* p = static_cast<const uint8_t*>(buf);
     procWrites_.push_back(ProcWrite{path, Bytes(p, p + len)});
-    record(std::string("proc-write ") + path + " " + printable(buf, len));
-    if (int err = checkFail(Op::ProcWrite, path)) {
-        errno = err;
-        return err == ENOENT ? -1 : -2;
+    if (failing(std::string("proc-write ") + path + " " + printable(buf, len), Op::ProcWrite,
+                path)) {
+        return errno == ENOENT ? -1 : -2;
     }
     return 0;
 }
 
 int FakeOs::readRandom(void* buf, size_t len) {
     std::lock_guard<std::mutex> g(mu_);
-    record("random " + std::to_string(len));
-    if (int err = checkFail(Op::Random, "")) {
-        errno = err;
+    if (failing("random " + std::to_string(len), Op::Random)) {
         return -1;
     }
     auto* p = static_cast<uint8_t*>(buf);
@@ -488,13 +435,11 @@ int FakeOs::readRandom(void* buf, size_t len) {
 
 int FakeOs::wlanSocket() {
     std::lock_guard<std::mutex> g(mu_);
-    record("wlan-socket");
-    if (int err = checkFail(Op::WlanSocket, "")) {
-        errno = err;
+    if (failing("wlan-socket", Op::WlanSocket)) {
         return -1;
     }
     int fd = nextFd_++;
-    fds_[fd] = Op::WlanSocket;
+    fds_.insert(fd);
     return fd;
 }
 
@@ -518,15 +463,16 @@ int FakeOs::wlanIoctl(int fd, unsigned long request, void* arg) {
             rec.payload.assign(call.data, call.data + call.length);
         }
         ioctls_.push_back(rec);
-        record("ioctl " + hexReq(request) + " " + call.ifName +
-               " flags=" + std::to_string(call.flags) + " len=" + std::to_string(call.length) +
-               " " + toHex(rec.payload.data(), rec.payload.size()));
+        const std::string line = "ioctl " + hexReq(request) + " " + call.ifName +
+                                 " flags=" + std::to_string(call.flags) +
+                                 " len=" + std::to_string(call.length) + " " +
+                                 toHex(rec.payload.data(), rec.payload.size());
         if (fds_.find(fd) == fds_.end()) {
+            transcript_.push_back(line);
             errno = EBADF;
             return -1;
         }
-        if (int err = checkFail(Op::Ioctl, hexReq(request) + " " + call.ifName)) {
-            errno = err;
+        if (failing(line, Op::Ioctl, hexReq(request) + " " + call.ifName)) {
             return -1;
         }
         auto it = ioctlHandlers_.find(request);
@@ -555,35 +501,21 @@ int FakeOs::wlanIoctl(int fd, unsigned long request, void* arg) {
 
 int FakeOs::netlinkOpen(int protocol) {
     std::lock_guard<std::mutex> g(mu_);
-    record("netlink-open " + std::to_string(protocol));
-    if (int err = checkFail(Op::NetlinkOpen, "")) {
-        errno = err;
-        return -1;
-    }
+    transcript_.push_back("netlink-open " + std::to_string(protocol));
     int fd = nextFd_++;
-    fds_[fd] = Op::NetlinkOpen;
+    fds_.insert(fd);
     return fd;
 }
 
 int FakeOs::netlinkBind(int fd, uint32_t portId) {
     std::lock_guard<std::mutex> g(mu_);
-    record("netlink-bind " + std::to_string(fd) + " " + std::to_string(portId));
-    if (int err = checkFail(Op::NetlinkBind, "")) {
-        errno = err;
-        return -1;
-    }
+    transcript_.push_back("netlink-bind " + std::to_string(fd) + " " + std::to_string(portId));
     return 0;
 }
 
 int FakeOs::netlinkSend(int /*fd*/, const void* buf, size_t len) {
     std::lock_guard<std::mutex> g(mu_);
-    const auto* p = static_cast<const uint8_t*>(buf);
-    netlinkSent_.emplace_back(p, p + len);
-    record("netlink-send " + toHex(buf, len));
-    if (int err = checkFail(Op::NetlinkSend, "")) {
-        errno = err;
-        return -1;
-    }
+    transcript_.push_back("netlink-send " + toHex(buf, len));
     return static_cast<int>(len);
 }
 
@@ -594,20 +526,16 @@ int FakeOs::netlinkRecv(int /*fd*/, void* buf, size_t max) {
         --running_;
         clockCv_.notify_all();
     }
-    netlinkCv_.wait(g, [this] { return netlinkDown_ || !rxNetlink_.empty(); });
+    netlinkCv_.wait(g, [this] { return !rxNetlink_.empty(); });
     if (int err = checkFail(Op::NetlinkRecv, "")) {
         errno = err;
-        return -1;
-    }
-    if (rxNetlink_.empty()) {
-        errno = EBADF;
         return -1;
     }
     Bytes m = rxNetlink_.front();
     rxNetlink_.pop_front();
     size_t n = std::min(max, m.size());
     memcpy(buf, m.data(), n);
-    record("netlink-recv " + toHex(m.data(), n));
+    transcript_.push_back("netlink-recv " + toHex(m.data(), n));
     return static_cast<int>(n);
 }
 
@@ -617,21 +545,17 @@ int FakeOs::packetOpen(uint16_t etherType) {
     std::lock_guard<std::mutex> g(mu_);
     char b[32];
     snprintf(b, sizeof b, "packet-open 0x%04x", etherType);
-    record(b);
-    if (int err = checkFail(Op::PacketOpen, "")) {
-        errno = err;
+    if (failing(b, Op::PacketOpen)) {
         return -1;
     }
     int fd = nextFd_++;
-    fds_[fd] = Op::PacketOpen;
+    fds_.insert(fd);
     return fd;
 }
 
 int FakeOs::packetIfIndex(int /*fd*/, const char* ifName) {
     std::lock_guard<std::mutex> g(mu_);
-    record(std::string("packet-ifindex ") + ifName);
-    if (int err = checkFail(Op::PacketIfIndex, ifName)) {
-        errno = err;
+    if (failing(std::string("packet-ifindex ") + ifName, Op::PacketIfIndex, ifName)) {
         return -1;
     }
     auto it = ifIndex_.find(ifName);
@@ -651,9 +575,8 @@ int FakeOs::packetSend(int /*fd*/, int ifIndex, uint16_t protocol, const void* f
         packets_.push_back(pkt);
         char proto[16];
         snprintf(proto, sizeof proto, " 0x%04x ", protocol);
-        record("packet-send " + std::to_string(ifIndex) + proto + toHex(frame, len));
-        if (int err = checkFail(Op::PacketSend, "")) {
-            errno = err;
+        if (failing("packet-send " + std::to_string(ifIndex) + proto + toHex(frame, len),
+                    Op::PacketSend)) {
             return -1;
         }
         hook = packetHook_;
@@ -706,9 +629,7 @@ uint32_t FakeOs::semKey() {
 
 int FakeOs::semGet(uint32_t key, int nsems, int flags) {
     std::lock_guard<std::mutex> g(mu_);
-    record("sem-get");
-    if (int err = checkFail(Op::SemGet, "")) {
-        errno = err;
+    if (failing("sem-get", Op::SemGet)) {
         return -1;
     }
     int id = semget(static_cast<key_t>(key), nsems, flags);
@@ -721,9 +642,7 @@ int FakeOs::semGet(uint32_t key, int nsems, int flags) {
 int FakeOs::semSetVal(int id, int num, int value) {
     {
         std::lock_guard<std::mutex> g(mu_);
-        record("sem-setval " + std::to_string(value));
-        if (int err = checkFail(Op::SemSetVal, "")) {
-            errno = err;
+        if (failing("sem-setval " + std::to_string(value), Op::SemSetVal)) {
             return -1;
         }
     }
@@ -737,9 +656,7 @@ int FakeOs::semRemove(int id) {
 int FakeOs::semOp(int id, struct sembuf* ops, size_t nops) {
     {
         std::lock_guard<std::mutex> g(mu_);
-        record("sem-op " + std::to_string(nops > 0 ? ops[0].sem_op : 0));
-        if (int err = checkFail(Op::SemOp, "")) {
-            errno = err;
+        if (failing("sem-op " + std::to_string(nops > 0 ? ops[0].sem_op : 0), Op::SemOp)) {
             return -1;
         }
     }

@@ -43,16 +43,12 @@ using hex::toHex;
 
 class FakeOs : public Os {
   public:
+    // The operation groups whose calls failNth() can make fail.
     enum class Op {
-        Shell,
-        ProcRead,
         ProcWrite,
         Random,
         WlanSocket,
         Ioctl,
-        NetlinkOpen,
-        NetlinkBind,
-        NetlinkSend,
         NetlinkRecv,
         PacketOpen,
         PacketIfIndex,
@@ -116,11 +112,9 @@ class FakeOs : public Os {
     void onPacketSend(std::function<void(const Packet&)> fn);
     void queuePacket(const Bytes& frame);
     void queueNetlink(const Bytes& message);
-    // Makes a blocked netlinkRecv return -1 (EBADF), to end a monitor thread in a test.
-    void shutdownNetlink();
     // Makes the Nth (from 1) call of group `op` whose key contains `match`, counted from now,
     // fail with `err`. Rules count independently of each other. Returns a handle for fired(). Keys:
-    // shell line, proc path, ioctl "0xNNNN ifname", packet/netlink: "" (match everything).
+    // proc path, ioctl "0xNNNN ifname", packet interface name; others: "" (match everything).
     int failNth(Op op, const std::string& match, int nth, int err);
     bool fired(int handle) const;
 
@@ -141,21 +135,20 @@ class FakeOs : public Os {
     size_t openFds() const;
 
     // ---- records --------------------------------------------------------------------------
-    std::vector<std::string> transcript() const;
-    std::vector<std::string> shellLines() const;
-    std::vector<IoctlRecord> ioctls() const;
+    std::vector<std::string> transcript() const { return locked(transcript_); }
+    // The transcript lines of one kind ("shell ", "proc-read "), without that prefix.
+    std::vector<std::string> transcriptOf(const std::string& prefix) const;
+    std::vector<std::string> shellLines() const { return transcriptOf("shell "); }
+    std::vector<std::string> procReads() const { return transcriptOf("proc-read "); }
+    std::vector<IoctlRecord> ioctls() const { return locked(ioctls_); }
     std::vector<IoctlRecord> ioctls(unsigned long request) const;
-    std::vector<ProcWrite> procWrites() const;
-    std::vector<std::string> procReads() const;
-    std::vector<Packet> packetsSent() const;
-    std::vector<Bytes> netlinkSent() const;
+    std::vector<ProcWrite> procWrites() const { return locked(procWrites_); }
+    std::vector<Packet> packetsSent() const { return locked(packets_); }
     void clearRecords();
     std::string takeStdout();
-    std::string stdoutText() const;
-    std::string stderrText() const;
+    std::string stdoutText() const { return locked(stdout_); }
+    std::string stderrText() const { return locked(stderr_); }
 
-    // The temporary directory that rooted paths live under.
-    const std::string& root() const { return root_; }
     // Real path of a fixed path, as a std::string.
     std::string rooted(const std::string& fixed);
     // Reads/writes a whole rooted file (test convenience).
@@ -205,7 +198,12 @@ class FakeOs : public Os {
     };
     // Returns the errno to fail with, or 0. Caller holds mu_.
     int checkFail(Op op, const std::string& key);
-    void record(const std::string& line); // caller holds mu_
+    // Records `line`; true (errno set) when a rule makes this call of `op` fail. Caller holds mu_.
+    bool failing(const std::string& line, Op op, const std::string& key = "");
+    template <typename T> T locked(const T& v) const {
+        std::lock_guard<std::mutex> g(mu_);
+        return v;
+    }
 
     // Clock internals; callers hold mu_ through `g`.
     void sleepFor(std::unique_lock<std::mutex>& g, uint64_t ms);
@@ -235,7 +233,7 @@ class FakeOs : public Os {
     uint32_t semKey_;
     std::vector<int> semIds_;
     int nextFd_ = 1000;
-    std::map<int, Op> fds_; // descriptor -> group that opened it
+    std::set<int> fds_; // descriptors handed out, not yet closed
     std::vector<std::string> realPrefixes_;
     std::vector<std::pair<std::string, std::function<int(const std::string&)>>> shellHandlers_;
     std::map<unsigned long, std::function<int(Ioctl&)>> ioctlHandlers_;
@@ -246,16 +244,12 @@ class FakeOs : public Os {
     std::function<void(const Packet&)> packetHook_;
     std::deque<Bytes> rxPackets_;
     std::deque<Bytes> rxNetlink_;
-    bool netlinkDown_ = false;
     std::vector<FailRule> failRules_;
 
     std::vector<std::string> transcript_;
-    std::vector<std::string> shell_;
     std::vector<IoctlRecord> ioctls_;
     std::vector<ProcWrite> procWrites_;
-    std::vector<std::string> procReads_;
     std::vector<Packet> packets_;
-    std::vector<Bytes> netlinkSent_;
     std::string stdout_;
     std::string stderr_;
 };

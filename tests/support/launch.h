@@ -46,8 +46,8 @@ inline std::vector<std::string> emulatorWords() {
     return words;
 }
 
-// A started program with stdout and stderr going to files and stdin from a pipe; killed
-// (SIGKILL) and reaped by the destructor if still running.
+// A started program with stdout and stderr going to files; killed (SIGKILL) and reaped by the
+// destructor if still running.
 class Child {
   public:
     Child(std::vector<std::string> argv, const std::string& outFile, const std::string& errFile) {
@@ -56,11 +56,6 @@ class Child {
         what_ = argv.empty() ? "" : argv[0];
         posix_spawn_file_actions_t fa;
         posix_spawn_file_actions_init(&fa);
-        int in[2] = {-1, -1};
-        if (pipe2(in, O_CLOEXEC) == 0) {
-            posix_spawn_file_actions_adddup2(&fa, in[0], 0);
-            stdinFd_ = in[1];
-        }
         posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                          0644);
         posix_spawn_file_actions_addopen(&fa, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
@@ -83,10 +78,8 @@ class Child {
             fprintf(stderr, "%s\n", error_.c_str());
         }
         posix_spawn_file_actions_destroy(&fa);
-        close(in[0]);
     }
     ~Child() {
-        close(stdinFd_);
         if (running()) {
             ::kill(pid_, SIGKILL);
             waitExit();
@@ -96,16 +89,10 @@ class Child {
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    pid_t pid() const { return pid_; }
     // Empty when the program started; otherwise why it did not (for an assertion message).
     const std::string& startError() const { return error_; }
     bool started() const { return pid_ > 0; }
 
-    void feed(const std::string& text) {
-        if (write(stdinFd_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-            perror("write to child");
-        }
-    }
     // Waits up to `timeoutMs` for the program to end: its exit status, -1 when it is still
     // running, was ended by a signal or never started.
     int waitExit(int timeoutMs = kStartMs) {
@@ -119,29 +106,12 @@ class Child {
     }
     bool running() { return started() && waitExit(0) == -1 && status_ == -1; }
 
-    // Waits up to `timeoutMs` until `fd` is readable (a connection to accept, a message to
-    // receive) while the program runs: false at once when it never started or has ended.
-    bool waitReadable(int fd, int timeoutMs = kStartMs) {
-        if (!started()) {
-            return false;
-        }
-        pollfd p[2] = {{fd, POLLIN, 0}, {pidFd_, POLLIN, 0}};
-        for (;;) {
-            const int n = poll(p, 2, timeoutMs);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            return n > 0 && (p[0].revents & POLLIN) != 0;
-        }
-    }
-
     // What the program is, for messages: its path without the emulator.
     const std::string& what() const { return what_; }
 
   private:
     pid_t pid_ = -1;
     int pidFd_ = -1;
-    int stdinFd_ = -1;
     int status_ = -1; // raw wait status once reaped
     std::string what_;
     std::string error_;

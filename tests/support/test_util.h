@@ -19,6 +19,15 @@ inline Lines errorTexts(const std::string& out) {
     return texts;
 }
 
+// The texts of the event-log lines in `log`, without their "[YYYY-MM-DD hh:mm:ss]" stamps.
+inline Lines eventTexts(const std::string& log) {
+    Lines texts;
+    for (size_t pos = 0, end; (end = log.find("\r\n", pos)) != std::string::npos; pos = end + 2) {
+        texts.push_back(log.substr(pos + 21, end - pos - 21));
+    }
+    return texts;
+}
+
 // Lowercase hex without separators of a hex text written by hand with blanks, to compare with
 // toHex() of what the code built.
 inline std::string hexText(const std::string& spaced) {

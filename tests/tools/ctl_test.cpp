@@ -61,7 +61,7 @@ class Ctl : public ::testing::Test {
     // is answered with it, the payload overwritten from offset 0 by `replyPayload`; without,
     // `connected` tells whether zormeshctl connected at all.
     int run(Args args, const Bytes& replyPayload = {}, bool serve = true) {
-        args.insert(args.begin(), {"zormeshctl", "--socket", dir_ + "/ctl.sock"});
+        args.insert(args.begin(), {"zormeshctl", "--socket", dir_ + socketName});
         request.clear();
         std::future<void> server;
         if (serve) {
@@ -88,6 +88,8 @@ class Ctl : public ::testing::Test {
     }
 
     Bytes request;
+    std::string socketName = "/ctl.sock";
+    bool hangUp = false; // the stand-in closes the connection without a reply
     bool connected = false;
     std::string out, err, dir_;
 
@@ -98,6 +100,10 @@ class Ctl : public ::testing::Test {
             return; // zormeshctl failed before it connected; the test's checks tell
         }
         int fd = accept(listenFd_, nullptr, nullptr);
+        if (hangUp) {
+            close(fd);
+            return;
+        }
         uint8_t buf[UNIX_SOCK_HEADER_SIZE + MESH_CMD_MSG_LEN];
         size_t got = 0;
         for (ssize_t n; got < sizeof buf && (n = recv(fd, buf + got, sizeof buf - got, 0)) > 0;) {
@@ -221,6 +227,17 @@ TEST_F(Ctl, ConfigurationRecordFromJsonAndBack) {
 
     ASSERT_EQ(0, run({"config-template"}, {}, false));
     ASSERT_EQ(0, run({"init", "--config", file("template.json", out)})) << err;
+
+    // The README's example record: 788 bytes, a parent with the mesh enabled.
+    std::ifstream in(std::string(ZORMESH_SOURCE_DIR) + "/docs/examples/parent.hex");
+    const Bytes example = hexBytes(std::string(std::istreambuf_iterator<char>(in), {}));
+    ASSERT_EQ(788u, example.size());
+    ASSERT_EQ(
+        0, run({"decode-config", file("example.bin", std::string(example.begin(), example.end()))},
+               {}, false));
+    const nlohmann::json decoded = nlohmann::json::parse(out);
+    EXPECT_EQ(1, decoded["meshEnable"]);
+    EXPECT_EQ("02:11:22:33:44:55", decoded["deviceMac"]);
 }
 
 TEST_F(Ctl, RefusedValuesSendNothing) {
@@ -257,6 +274,14 @@ TEST_F(Ctl, RefusedValuesSendNothing) {
         EXPECT_NE(std::string::npos, err.find(c.error)) << err;
         EXPECT_FALSE(connected) << c.error << ": nothing may be sent";
     }
+}
+
+TEST_F(Ctl, ExitStatusTellsWhetherAReplyCame) {
+    hangUp = true;
+    EXPECT_EQ(3, run({"raw", "13"})) << "closed without a reply";
+    EXPECT_EQ("", out);
+    socketName = "/nothing.sock";
+    EXPECT_EQ(2, run({"raw", "13"}, {}, false)) << "nobody listens";
 }
 
 TEST_F(Ctl, QueryRepliesAsTextAndJson) {

@@ -61,22 +61,6 @@ TEST_F(DriverLayer, SocketIsCreatedOnceAndRetriedAfterAFailure) {
     EXPECT_EQ(2, std::count(t.begin(), t.end(), "wlan-socket")) << "the failure and one success";
 }
 
-TEST_F(DriverLayer, WidthClassOfEveryWirelessMode) {
-    // Modes 0 to 33; '-' is an invalid mode.
-    const std::string widths = "-000---00111111011123200111111232-";
-    Lines invalid;
-    for (int mode = 0; mode <= 33; ++mode) {
-        char w = widths[static_cast<size_t>(mode)];
-        EXPECT_EQ(w == '-' ? -1 : w - '0', mesh_wlan_getChwidth(mode)) << mode;
-        if (w == '-') {
-            invalid.push_back("invalid mode:" + std::to_string(mode) + "\n");
-        }
-    }
-    EXPECT_EQ(-1, mesh_wlan_getChwidth(-1));
-    invalid.push_back("invalid mode:-1\n");
-    EXPECT_EQ(invalid, errors());
-}
-
 TEST_F(DriverLayer, BandwidthCodeAndFrequencyGiveTheDriverSettings) {
     const struct {
         uint32_t bandwidth, frequency;

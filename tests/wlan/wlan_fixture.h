@@ -100,11 +100,7 @@ class WlanTest : public ::testing::Test {
     // their stamps.
     void openLog() { ASSERT_EQ(0, mesh_log_open()); }
     Lines events() {
-        Lines out;
-        const std::string log = fake().readFile(MESH_LOG_PATH);
-        for (size_t p = 0, e; (e = log.find("\r\n", p)) != std::string::npos; p = e + 2) {
-            out.push_back(log.substr(p + 21, e - p - 21));
-        }
+        Lines out = eventTexts(fake().readFile(MESH_LOG_PATH));
         out.erase(out.begin(),
                   out.begin() + static_cast<long>(std::exchange(seenEvents_, out.size())));
         return out;
