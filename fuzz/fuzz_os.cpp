@@ -8,7 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -398,4 +402,68 @@ FuzzInput& fuzzNextInput(const uint8_t* data, size_t size) {
     FuzzInput& in = fuzzOs().input();
     in.reset(data, size);
     return in;
+}
+
+// ---- the reply server ---------------------------------------------------------------------
+
+namespace {
+
+// Reads `len` bytes, waiting at most a second for each part; false on an end or a failure.
+bool readAll(int fd, uint8_t* buf, size_t len) {
+    for (size_t got = 0; got < len;) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 1000) != 1) {
+            return false;
+        }
+        ssize_t n = recv(fd, buf + got, len - got, 0);
+        if (n <= 0) {
+            return false;
+        }
+        got += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+} // namespace
+
+FuzzReplyServer::FuzzReplyServer(const std::string& path) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listenFd_ < 0 || bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        listen(listenFd_, 16) != 0) {
+        perror(path.c_str());
+        abort();
+    }
+    std::thread([this] { serve(); }).detach();
+}
+
+void FuzzReplyServer::setReply(const std::string& reply) {
+    std::lock_guard<std::mutex> g(mu_);
+    reply_ = reply;
+}
+
+void FuzzReplyServer::serve() {
+    static uint8_t request[16 + 65536];
+    for (;;) {
+        int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            continue;
+        }
+        if (readAll(fd, request, 16)) {
+            uint32_t len = 0;
+            memcpy(&len, request + 8, sizeof len);
+            if (len <= sizeof request - 16 && readAll(fd, request + 16, len)) {
+                std::string reply;
+                {
+                    std::lock_guard<std::mutex> g(mu_);
+                    reply = reply_;
+                }
+                // The client may have given up: its end may be gone.
+                (void)send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+            }
+        }
+        close(fd);
+    }
 }

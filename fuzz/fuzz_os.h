@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 // The bytes of one fuzz input, handed out front to back. Past the end every read gets zeros.
@@ -109,3 +110,22 @@ extern const char* const kFuzzProfile;
 void fuzzInitDriver();
 // The input of one run, reset to the fuzzer's bytes.
 FuzzInput& fuzzNextInput(const uint8_t* data, size_t size);
+
+// A service at the other end of a Unix stream socket, for the targets of what a client reads
+// back (the daemon from the management service, zormeshctl from the daemon). It serves every
+// connection on a thread of its own: reads the request (a 16-byte header whose word at offset
+// 8 is the body length, then the body), answers with the bytes of the current reply and
+// closes.
+class FuzzReplyServer {
+  public:
+    explicit FuzzReplyServer(const std::string& path);
+    // The answer to the next connections (copied).
+    void setReply(const std::string& reply);
+
+  private:
+    void serve();
+
+    int listenFd_ = -1;
+    std::mutex mu_;
+    std::string reply_; // guarded by mu_
+};

@@ -394,7 +394,7 @@ Scenario parseScenario(const std::string& body) {
     json j;
     try {
         j = json::parse(body);
-    } catch (const json::parse_error& e) {
+    } catch (const json::exception& e) { // a syntax error, or a number beyond a double
         throw BadScenario("$", std::string("not JSON: ") + e.what());
     }
     const std::string root = "$";

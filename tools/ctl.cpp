@@ -115,7 +115,7 @@ void recordFromFile(const records::Record& rec, const std::string& path, void* o
     Json doc;
     try {
         doc = Json::parse(readFile(path), nullptr, true, true);
-    } catch (const Json::parse_error& e) {
+    } catch (const Json::exception& e) { // a syntax error, or a number beyond a double
         throw Refused{path + ": not JSON: " + e.what()};
     }
     std::string error;

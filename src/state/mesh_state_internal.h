@@ -127,6 +127,11 @@ int32_t getLanLinkStateTran(uint32_t prev, uint32_t cur);
 // The thread body: one tick a second, for ever.
 void* threadRun(void* arg);
 
+// One tick of the thread's evaluation on the calling thread, with the variables as the thread
+// starts them but for the last readable management state, `orbPrev` (fuzzing: the thread
+// itself ticks for ever).
+void mesh_state_tickForTest(uint32_t orbPrev);
+
 // Stops the state thread, if one runs, after its sleep and waits for it, sleeping meanwhile
 // (tests only: the daemon never stops it).
 void mesh_state_stopThreadForTest(void);

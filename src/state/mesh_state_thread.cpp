@@ -213,6 +213,19 @@ void applyRules(EVAL& e) {
     }
 }
 
+// The variables as the thread starts.
+void startEval(EVAL& e) {
+    memset(&e, 0, sizeof e);
+    e.current = MESH_STATE_NORMAL;
+    e.lan = e.lanPrev = LAN_ON;
+    e.lanTran = kNoLanTran;
+    e.sta = e.staPrev = e.orb = e.orbPrev = STATE_ANY;
+    e.net = NETWORK_STATE_OFF;
+    e.netPrev = NETWORK_STATE_CHECKING;
+    e.loop = MESH_STATE_OFF;
+    e.ports[0] = LAN_OFF;
+}
+
 void tick(EVAL& e) {
     e.current = getMeshState();
     measureAll(e);
@@ -283,15 +296,7 @@ int32_t getLanLinkStateTran(uint32_t prev, uint32_t cur) {
 void* threadRun(void* /*arg*/) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     EVAL e;
-    memset(&e, 0, sizeof e);
-    e.current = MESH_STATE_NORMAL;
-    e.lan = e.lanPrev = LAN_ON;
-    e.lanTran = kNoLanTran;
-    e.sta = e.staPrev = e.orb = e.orbPrev = STATE_ANY;
-    e.net = NETWORK_STATE_OFF;
-    e.netPrev = NETWORK_STATE_CHECKING;
-    e.loop = MESH_STATE_OFF;
-    e.ports[0] = LAN_OFF;
+    startEval(e);
     for (;;) {
         if (enableHandling(e)) {
             tick(e);
@@ -302,6 +307,14 @@ void* threadRun(void* /*arg*/) {
             return nullptr;
         }
     }
+}
+
+void mesh_state_tickForTest(uint32_t orbPrev) {
+    EVAL e;
+    startEval(e);
+    e.running = 1;
+    e.orb = e.orbPrev = orbPrev;
+    tick(e);
 }
 
 uint32_t mesh_state_init(const char* lanIfName, uint32_t countryCode, uint32_t dfsFlag) {

@@ -266,6 +266,7 @@ TEST_F(Ctl, RefusedValuesSendNothing) {
         {{"init", "--config", file("e.json", R"({"probeText": ")" + std::string(32, 'x') + "\"}")},
          "probeText: longer than 31 characters"},
         {{"init", "--config", file("f.json", "{\"meshEnable\": 1,}")}, "not JSON"},
+        {{"init", "--config", file("g.json", "{\"meshEnable\": 1e400}")}, "number overflow"},
         {{"init", "--config", dir_ + "/missing.json"}, "cannot read"},
         {{"state", "extra"}, "extra"},
     };
