@@ -302,7 +302,9 @@ EventDef parseEvent(const Scenario& s, const json& j, const std::string& path) {
 }
 
 ExpectDef parseExpect(const Scenario& s, const json& j, const std::string& path) {
-    onlyKeys(j, path, {"node", "state", "parent", "within", "after", "at", "never", "errors"});
+    onlyKeys(j, path,
+             {"node", "state", "parent", "within", "after", "at", "never", "errors", "candidates",
+              "children"});
     ExpectDef x;
     x.path = path;
     if (j.contains("node")) {
@@ -335,6 +337,29 @@ ExpectDef parseExpect(const Scenario& s, const json& j, const std::string& path)
         }
         x.kind = ExpectKind::Quiet;
         x.text = x.node + " prints no error line and makes no operation the models refuse";
+        return x;
+    }
+    for (const char* key : {"candidates", "children"}) {
+        if (!j.contains(key)) {
+            continue;
+        }
+        const std::string where = at(path, key);
+        if (!j[key].is_array() || !j.contains("at") || j.size() != 3) {
+            throw BadScenario(where, "must be a list of nodes, with \"node\" and \"at\" alone");
+        }
+        x.kind = ExpectKind::Answer;
+        x.query = key[1] == 'a' ? Query::Candidates : Query::Children;
+        x.at = number(j["at"], at(path, "at"), 0, 1e6);
+        std::string list;
+        for (size_t i = 0; i < j[key].size(); ++i) {
+            x.names.push_back(nodeRef(s, j[key][i], at(where, i)));
+            list += (i == 0 ? "" : ", ") + x.names.back();
+        }
+        x.text = x.node +
+                 (x.query == Query::Candidates ? "'s candidate scan finds "
+                                               : " lists its online children as ") +
+                 (list.empty() ? "nobody" : list) +
+                 " at t=" + std::to_string(static_cast<long long>(x.at));
         return x;
     }
     if (j.contains("state")) {

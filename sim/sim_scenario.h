@@ -63,11 +63,16 @@ struct EventDef {
 };
 
 enum class ExpectKind {
-    Reach, // the node is in `state` (with `parent`) at some time in [after, within]
-    At,    // the node is in `state` (with `parent`) at time `at`
-    Never, // no node (or `node`) is in `state` from `after` to the end
-    Quiet, // `node`'s daemon prints no error line and the models refuse none of its operations
+    Reach,  // the node is in `state` (with `parent`) at some time in [after, within]
+    At,     // the node is in `state` (with `parent`) at time `at`
+    Never,  // no node (or `node`) is in `state` from `after` to the end
+    Quiet,  // `node`'s daemon prints no error line and the models refuse none of its operations
+    Answer, // at time `at`, `node` answers the management side's query with exactly `names`
 };
+
+// What an Answer expectation asks: the parents a candidate scan finds (types 9 and 11), or
+// the online children (type 7).
+enum class Query { Candidates, Children };
 
 struct ExpectDef {
     ExpectKind kind = ExpectKind::Reach;
@@ -77,7 +82,9 @@ struct ExpectDef {
     double after = 0;
     double within = 0; // Reach: deadline; 0 = the end of the run
     double at = 0;
-    std::string text; // the expectation in words
+    Query query = Query::Candidates;
+    std::vector<std::string> names; // Answer: the nodes expected, in any order
+    std::string text;               // the expectation in words
     std::string path;
 };
 

@@ -25,6 +25,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -73,6 +74,15 @@ constexpr int EXIT_BAD_SCENARIO = 2;
 constexpr int EXIT_TROUBLE = 3;
 
 // The gateway of the wired network: the target the nodes' network check probes.
+// "a, b" for a list of node names, "nobody" for none.
+std::string namesText(const std::vector<std::string>& names) {
+    std::string list;
+    for (const auto& name : names) {
+        list += (list.empty() ? "" : ", ") + name;
+    }
+    return list.empty() ? "nobody" : list;
+}
+
 constexpr Mac kGatewayMac = {0x02, 0x5a, 0xff, 0x00, 0x00, 0x01};
 // Simulated seconds between a survey and the parent information it yields.
 constexpr double kSurveyTime = 2.0;
@@ -594,8 +604,9 @@ class World {
         });
     }
 
-    // Sends one command and waits for its reply (whose payload the agent does not need).
-    static std::string sendCommand(Node& n, int32_t type, const Bytes& payload) {
+    // Sends one command and waits for its reply; its payload goes to `reply` when given.
+    static std::string sendCommand(Node& n, int32_t type, const Bytes& payload,
+                                   Bytes* reply = nullptr) {
         std::string path = n.root + "/var/run/usock/21.sock";
         int fd = -1;
         for (int i = 0; i < 400 && fd < 0; ++i) { // the node opens its socket after start-up
@@ -634,10 +645,86 @@ class World {
         }
         close(fd);
         if (got == sizeof msg) {
+            if (reply != nullptr) {
+                reply->assign(msg + UNIX_SOCK_HEADER_SIZE + 8, msg + sizeof msg);
+            }
             return "";
         }
         return "no reply (" + std::to_string(got) + " bytes" +
                (err != 0 ? std::string(", ") + strerror(err) : std::string()) + ")";
+    }
+
+    // The management side's queries of Answer expectations, run on the node's management
+    // thread; what they found is kept in `answers` for the judge.
+    struct Answer {
+        std::string err;
+        std::vector<std::string> names;
+    };
+    std::map<const sim::ExpectDef*, Answer> answers; // guarded by mu
+
+    void ask(Node& n, const sim::ExpectDef* x) {
+        Node* np = &n;
+        manage(n, [this, np, x] {
+            Answer a;
+            std::vector<Mac> macs;
+            a.err = x->query == sim::Query::Candidates ? scanParents(*np, macs)
+                                                       : onlineChildren(*np, macs);
+            std::lock_guard<std::mutex> g(mu);
+            for (const Mac& m : macs) {
+                Node* who = nullptr;
+                for (auto& c : nodes) {
+                    if (c->def.mac == m || c->staMac() == m) {
+                        who = c.get();
+                    }
+                }
+                a.names.push_back(who != nullptr ? who->def.name : sim::macText(m));
+            }
+            g_timeline.add(np->def.name,
+                           std::string("management: ") +
+                               (x->query == sim::Query::Candidates ? "candidate scan found "
+                                                                   : "online children: ") +
+                               (a.err.empty() ? namesText(a.names) : "no answer, " + a.err));
+            answers[x] = a;
+        });
+    }
+
+    // Type 9 starts a scan, type 10 is asked until it has ended, type 11 gives its parents.
+    static std::string scanParents(Node& n, std::vector<Mac>& out) {
+        std::string err = sendCommand(n, MESH_CMD_SCAN_CANDIDATE_AP, Bytes(8, 0));
+        Bytes reply;
+        for (int i = 0; err.empty(); ++i) {
+            err = sendCommand(n, MESH_CMD_GET_SCAN_STATE, Bytes(4, 0), &reply);
+            if (!err.empty() || (reply[0] | reply[1] | reply[2] | reply[3]) == 0) {
+                break;
+            }
+            if (i == 300) {
+                return "the scan did not end";
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        if (err.empty()) {
+            err = sendCommand(n, MESH_CMD_GET_SCAN_RESULT, Bytes{}, &reply);
+        }
+        for (size_t i = 0; err.empty() && i < std::min<size_t>(reply[0], MESH_MAX_SCAN_CANDIDATE);
+             ++i) {
+            MESH_SCAN_CANDIDATE c;
+            memcpy(&c, reply.data() + MESH_SCAN_RESULT_REPLY_OFF + i * sizeof c, sizeof c);
+            out.push_back(
+                Mac{c.bssid[0], c.bssid[1], c.bssid[2], c.bssid[3], c.bssid[4], c.bssid[5]});
+        }
+        return err;
+    }
+
+    static std::string onlineChildren(Node& n, std::vector<Mac>& out) {
+        Bytes reply;
+        std::string err = sendCommand(n, MESH_CMD_GET_ONLINE_CHILD, Bytes{}, &reply);
+        for (size_t i = 0; err.empty() && i < std::min<size_t>(reply[0], MESH_MAX_ONLINE_CHILD);
+             ++i) {
+            MESH_ONLINE_CHILD_INFO c;
+            memcpy(&c, reply.data() + MESH_ONLINE_CHILD_REPLY_OFF + i * sizeof c, sizeof c);
+            out.push_back(Mac{c.mac[0], c.mac[1], c.mac[2], c.mac[3], c.mac[4], c.mac[5]});
+        }
+        return err;
     }
 
     MESH_ALL_CONFIG configOf(const Node& n) const {
@@ -1499,6 +1586,21 @@ void judge(const sim::ExpectDef& x, Verdict& v, double t, bool end) {
             v = {true, true, "not seen", t};
         }
         break;
+    case sim::ExpectKind::Answer: {
+        auto it = g_world.answers.find(&x);
+        if (it != g_world.answers.end()) {
+            std::vector<std::string> want = x.names, got = it->second.names;
+            std::sort(want.begin(), want.end());
+            std::sort(got.begin(), got.end());
+            v = {true, it->second.err.empty() && want == got,
+                 it->second.err.empty() ? "found " + namesText(it->second.names)
+                                        : "no answer: " + it->second.err,
+                 t};
+        } else if (end) {
+            v = {true, false, "no answer by the end", t};
+        }
+        break;
+    }
     case sim::ExpectKind::Quiet: {
         const std::string refused = g_world.firstModelError(*n);
         if (!n->errors.empty()) {
@@ -1747,6 +1849,12 @@ int main(int argc, char** argv) {
     for (const auto& e : sc.events) {
         const sim::EventDef* ep = &e;
         g_world.at(e.at, [ep] { applyEvent(*ep); });
+    }
+    for (const auto& x : sc.expects) {
+        if (x.kind == sim::ExpectKind::Answer) {
+            const sim::ExpectDef* xp = &x;
+            g_world.at(x.at, [xp] { g_world.ask(*g_world.find(xp->node), xp); });
+        }
     }
 
     std::vector<Verdict> verdicts(sc.expects.size());

@@ -18,6 +18,10 @@ TEST(SimScenario, UnplayableFilesAreRefusedWithThePathOfTheFault) {
         {R"({"seed": 1.5, )" + node + "}", "$.seed: must be an integer"},
         {R"({"links": [{"between": ["a", "b"]}], )" + node + "}",
          "$.links[0].between[1]: no node is named b"},
+        {R"({"nodes": [{"name": "a"}], "expect": [{"node": "a", "children": ["b"], "at": 9}]})",
+         "$.expect[0].children[0]: no node is named b"},
+        {R"({"nodes": [{"name": "a"}], "expect": [{"node": "a", "candidates": []}]})",
+         "$.expect[0].candidates: must be a list of nodes, with \"node\" and \"at\" alone"},
     };
     for (const auto& c : cases) {
         try {
