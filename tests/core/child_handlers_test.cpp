@@ -219,7 +219,7 @@ TEST_F(ChildHandlers, AddDeleteAndOnlineKeepListTableAndDriverInStep) {
 
 TEST_F(ChildHandlers, DriverRefusalLeavesTheTableEntryAndAMissingApIsCreated) {
     essid = "";
-    fake().failNth(FakeOs::Op::Ioctl, "0x8BF5 rai3", 1, EIO);
+    fake().failNth("ioctl 0x8BF5 rai3", 1, EIO);
     EXPECT_EQ(1u, add(dev(7), 0x70));
     EXPECT_NE(std::string::npos, profile().find("SSID4=mesh_000c43010203\n"));
     EXPECT_EQ("", childList());

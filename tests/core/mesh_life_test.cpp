@@ -263,7 +263,7 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
 
 struct Failure {
     bool disabling;
-    const char* match; // ioctl key: request and interface
+    const char* match; // the failing ioctl: request and interface
     int nth;
     const char* error;
 };
@@ -276,7 +276,7 @@ TEST_P(MeshFailure, LeavesMeshEnableAsItWasAndTheLockFree) {
         ASSERT_EQ(0u, enableBlock(1));
         fake().takeStdout();
     }
-    const int rule = fake().failNth(FakeOs::Op::Ioctl, f.match, f.nth, EIO);
+    const int rule = fake().failNth(f.match, f.nth, EIO);
     EXPECT_EQ(1u, enableBlock(f.disabling ? 0 : 1));
     EXPECT_TRUE(fake().fired(rule));
     const Lines e = errors(); // the adapter's line, the step's, and the type 4 summary
@@ -289,11 +289,11 @@ TEST_P(MeshFailure, LeavesMeshEnableAsItWasAndTheLockFree) {
 
 INSTANTIATE_TEST_SUITE_P(
     Steps, MeshFailure,
-    ::testing::Values(Failure{false, "0x8BF5 rai3", 1, "set label fail"},
-                      Failure{false, "0x8BE1 ra5", 1, "update beacon for ra5 fail"},
-                      Failure{false, "0x8BF5 rai3", 3, "add child fail"},
-                      Failure{true, "0x8BE1 ra0", 1, "delete normal ap beacon fail"},
-                      Failure{true, "0x8BF5 rai3", 2, "delete child fail"}));
+    ::testing::Values(Failure{false, "ioctl 0x8BF5 rai3", 1, "set label fail"},
+                      Failure{false, "ioctl 0x8BE1 ra5", 1, "update beacon for ra5 fail"},
+                      Failure{false, "ioctl 0x8BF5 rai3", 3, "add child fail"},
+                      Failure{true, "ioctl 0x8BE1 ra0", 1, "delete normal ap beacon fail"},
+                      Failure{true, "ioctl 0x8BF5 rai3", 2, "delete child fail"}));
 
 TEST_F(MeshLife, CountsAboveTheListsAreRefusedWhole) {
     g_allConfig = record(0, 1);

@@ -69,7 +69,7 @@ TEST_F(IeTest, ProbeResponseInstalledWithType2ThenType3) {
     // both were tried, the failure is reported.
     for (int nth : {1, 2}) {
         fake().clearRecords();
-        fake().failNth(FakeOs::Op::Ioctl, "0x8BE1 rai3", nth, EPERM);
+        fake().failNth("ioctl 0x8BE1 rai3", nth, EPERM);
         EXPECT_EQ(1u, mesh_wlan_updateProbeRes(&rsp));
         EXPECT_EQ(size_t(nth), fake().ioctls().size());
         EXPECT_EQ(nth + 1, rsp.type);

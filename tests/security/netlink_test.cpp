@@ -67,7 +67,7 @@ TEST_F(NetlinkTest, EachEventReachesTheCallbackOfItsTypeOverTheOldBytes) {
     EXPECT_EQ(Lines{}, step(event(2, "eeee"))) << "no callback: dropped silently";
 
     // A receive error is reported and the next receive goes on.
-    fake.failNth(FakeOs::Op::NetlinkRecv, "", 1, EINTR);
+    fake.failNth("netlink-recv", 1, EINTR);
     EXPECT_EQ(Lines{"error:receive data error"}, step(event(1, "9999")));
     mesh_netlink_monitorStep(&mon);
     EXPECT_EQ(Lines{"probe:9999030405060708"}, g_seen);

@@ -174,7 +174,7 @@ TEST_F(ParentTest, ScanBringsTheStationUpAdvertisesTheNodeAndStartsTheSurvey) {
     // Re-advertising after a settings change: only when the station exists, flags 0.
     fake().clearRecords();
     ASSERT_EQ(0u, mesh_parentHandler_updateProbeReq());
-    fake().failNth(FakeOs::Op::Ioctl, "0x8913 apclii0", 1, ENODEV);
+    fake().failNth("ioctl 0x8913 apclii0", 1, ENODEV);
     ASSERT_EQ(0u, mesh_parentHandler_updateProbeReq());
     EXPECT_EQ("probe0 ", installed());
 }

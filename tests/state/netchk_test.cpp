@@ -16,9 +16,9 @@ TEST_F(NetChk, KernelLineFailuresAndLongPortNames) {
     start(config());
     fake.clearRecords();
     EXPECT_EQ(1u, mesh_netChk_setTargetCountConfig(1, nullptr));
-    fake.failNth(FakeOs::Op::PacketIfIndex, "apclii0", 1, ENODEV);
+    fake.failNth("packet-ifindex apclii0", 1, ENODEV);
     EXPECT_EQ(1u, mesh_netChk_setLoopInitConfig());
-    fake.failNth(FakeOs::Op::ProcWrite, kCount, 1, EIO); // fails after the open: only reported
+    fake.failNth(kCountWrite, 1, EIO); // fails after the open: only reported
     EXPECT_EQ(0u, mesh_netChk_setLoopSendConfig());
     EXPECT_EQ((Lines{"get index fail", "write config fail"}), errors());
     EXPECT_EQ(Lines{"4"}, lines());
@@ -44,7 +44,7 @@ TEST_F(NetChk, LoopSwitchAndProbes) {
     start(config());
     fake.clearRecords();
     fake.setProc(kLoop, "1");
-    fake.failNth(FakeOs::Op::ProcWrite, kCount, 1, ENOENT);
+    fake.failNth(kCountWrite, 1, ENOENT);
     EXPECT_EQ(1u, mesh_netChk_setLoopbackCheck(1)); // the switch stays off: the next call retries
     EXPECT_EQ(0u, mesh_netChk_setLoopbackCheck(1));
     EXPECT_EQ(0u, mesh_netChk_setLoopbackCheck(1)); // a repeat writes nothing
@@ -60,7 +60,7 @@ TEST_F(NetChk, LoopSwitchAndProbes) {
     EXPECT_EQ(MESH_STATE_OFF, mesh_netChk_getLoopState());
     tick(40); // off: no probe, no loop status read
     EXPECT_EQ(0u, reads(kLoop));
-    fake.failNth(FakeOs::Op::ProcWrite, kCount, 1, ENOENT);
+    fake.failNth(kCountWrite, 1, ENOENT);
     EXPECT_EQ(1u, mesh_netChk_setLoopbackCheck(1)); // enable line lost: the switch stays off
     EXPECT_EQ(0u, mesh_netChk_setLoopbackCheck(1)); // the set-up only once per run
     EXPECT_EQ((Lines{"3 0", "3 1", "3 1", "4"}), lines());
@@ -107,11 +107,11 @@ TEST_F(NetChk, ArpProbe) {
     EXPECT_EQ("packet-open 0x0806", fake.transcript().front());
 
     EXPECT_EQ(1u, mesh_netChk_checkIpByArp(kDevice, kGateway, nullptr));
-    fake.failNth(FakeOs::Op::PacketOpen, "", 1, EPERM);
+    fake.failNth("packet-open", 1, EPERM);
     EXPECT_EQ(1u, mesh_netChk_checkIpByArp(kDevice, kGateway, mac));
-    fake.failNth(FakeOs::Op::PacketRecv, "", 1, EIO); // ends the probe; the answer stays queued
+    fake.failNth("packet-recv", 1, EIO); // ends the probe; the answer stays queued
     EXPECT_EQ(1u, mesh_netChk_checkIpByArp(kDevice, kGateway, mac));
-    fake.failNth(FakeOs::Op::PacketSend, "", 1, ENETDOWN); // nothing is read after it
+    fake.failNth("packet-send", 1, ENETDOWN); // nothing is read after it
     EXPECT_EQ(1u, mesh_netChk_checkIpByArp(kDevice, kGateway, mac));
 
     // Only a reply to our MAC and address from the asked address counts: the gateway's answer
@@ -131,8 +131,8 @@ TEST_F(NetChk, ArpProbe) {
 
     // No answer: 40 waits of 100 ms until 4 s have passed; a failed wait is reported and
     // the probe goes on (one more wait).
-    const int fortySecond = fake.failNth(FakeOs::Op::PacketWait, "", 42, EINTR);
-    const int fortieth = fake.failNth(FakeOs::Op::PacketWait, "", 40, EINTR);
+    const int fortySecond = fake.failNth("packet-wait", 42, EINTR);
+    const int fortieth = fake.failNth("packet-wait", 40, EINTR);
     const uint64_t before = fake.nowMillis();
     EXPECT_EQ(1u, mesh_netChk_checkIpByArp(kDevice, asked, mac));
     EXPECT_EQ(4000u, fake.nowMillis() - before);
@@ -247,7 +247,7 @@ TEST_F(NetChk, InitAndDestroy) {
     ASSERT_EQ(0, mesh_log_open());
     const NETCHK_CONFIG cfg = config();
     EXPECT_EQ(1u, mesh_netChk_init(&cfg, nullptr, "pon0"));
-    fake.failNth(FakeOs::Op::PacketIfIndex, "br0", 1, ENODEV);
+    fake.failNth("packet-ifindex br0", 1, ENODEV);
     EXPECT_EQ(1u, mesh_netChk_init(&cfg, kOwnMac.data(), "pon0"));
     EXPECT_EQ(Lines{"get bridge interface index fail"}, errors());
     start(cfg);

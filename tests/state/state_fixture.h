@@ -26,6 +26,7 @@ const Bytes kGwMac = hexBytes("0a1b2c3d4e5f");
 const Bytes kHostMac = hexBytes("00667788 99aa");
 constexpr const char* kCount = MESH_CONFIG_COUNT_PATH;
 constexpr const char* kLoop = MESH_LOOP_STATUS_PATH;
+const std::string kCountWrite = std::string("proc-write ") + kCount;
 
 inline std::string ipHex(uint32_t ip) {
     char s[9];
@@ -84,14 +85,12 @@ class StateTest : public ::testing::Test {
         EXPECT_TRUE(fake.settle(0));
     }
     void tick(int n = 1) { fake.advanceSeconds(static_cast<uint32_t>(n)); } // n seconds
-    // The lines written to the kernel, each checked for its one terminating NUL.
+    // The lines written to the kernel counter file, each checked for its one terminating NUL.
     Lines lines() {
         Lines out;
-        for (const auto& w : fake.procWrites()) {
-            const std::string s(w.bytes.begin(), w.bytes.end());
-            EXPECT_EQ(kCount, w.path);
-            EXPECT_EQ(s.size() - 1, s.find('\0')) << s;
-            out.push_back(s.substr(0, s.size() - 1));
+        for (const std::string& w : fake.transcriptOf(kCountWrite + " ")) {
+            EXPECT_EQ(w.size() - 4, w.find("\\x")) << w;
+            out.push_back(w.substr(0, w.size() - 4));
         }
         return out;
     }

@@ -49,7 +49,7 @@ TEST_F(StateModel, Getters) {
         return 0;
     });
     EXPECT_EQ(STA_ON, getStaState());
-    fake.failNth(FakeOs::Op::Ioctl, "", 1, EIO); // a refused query reads as not associated
+    fake.failNth("ioctl ", 1, EIO); // a refused query reads as not associated
     EXPECT_EQ(STA_OFF, getStaState());
     word = 0;
     EXPECT_EQ(STA_OFF, getStaState());

@@ -26,7 +26,7 @@ TEST_F(DriverLayer, BackhaulApRunsWithAMeshEssidStationExistsWithReadableFlags) 
         EXPECT_EQ(running, mesh_wlan_checkBkhApExist()) << text;
     }
     expectRequest(fake().ioctls().at(0), SIOCGIWESSID, "rai3", 0, Bytes(32, 0)); // cleared
-    fake().failNth(FakeOs::Op::Ioctl, "0x8B1B rai3", 1, ENODEV);
+    fake().failNth("ioctl 0x8B1B rai3", 1, ENODEV);
     EXPECT_EQ(0u, mesh_wlan_checkBkhApExist());
     EXPECT_EQ(Lines{"ioclt SIOCGIWNAME failed"}, errors());
 
@@ -37,14 +37,14 @@ TEST_F(DriverLayer, BackhaulApRunsWithAMeshEssidStationExistsWithReadableFlags) 
     EXPECT_EQ(1u, mesh_wlan_getStaIfname(nullptr));
     EXPECT_EQ(38, mesh_wlan_getNetlinkProto());
     EXPECT_EQ(1u, mesh_wlan_checkStaExist());
-    int h = fake().failNth(FakeOs::Op::Ioctl, "0x8913 apclii0", 1, ENODEV);
+    int h = fake().failNth("ioctl 0x8913 apclii0", 1, ENODEV);
     EXPECT_EQ(0u, mesh_wlan_checkStaExist());
     EXPECT_TRUE(fake().fired(h));
     EXPECT_TRUE(errors().empty());
 }
 
 TEST_F(DriverLayer, SocketIsCreatedOnceAndRetriedAfterAFailure) {
-    fake().failNth(FakeOs::Op::WlanSocket, "", 1, EMFILE);
+    fake().failNth("wlan-socket", 1, EMFILE);
     EXPECT_EQ(-1, _getsocket());
     EXPECT_EQ(Lines{"create socket failed"}, errors());
     std::vector<int> fds(8, -1);

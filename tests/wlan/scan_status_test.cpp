@@ -151,7 +151,7 @@ TEST_F(ScanStatus, OnlineChildrenFromTheStationTable) {
     count = 9;
     scriptStations(fake(), 4, 231);
     EXPECT_EQ(1u, mesh_wlan_getOnlineChild(&count, out, 16));
-    fake().failNth(FakeOs::Op::Ioctl, "0x8BFC rai3", 1, EPERM);
+    fake().failNth("ioctl 0x8BFC rai3", 1, EPERM);
     EXPECT_EQ(1u, mesh_wlan_getOnlineChild(&count, out, 16));
     EXPECT_EQ(9, count);
     EXPECT_EQ(1u, mesh_wlan_getOnlineChild(nullptr, out, 16) &
@@ -177,7 +177,7 @@ TEST_F(ScanStatus, CommandType17AnswersTheStationStatusAsZeroOrOne) {
     }
     expectRequest(fake().ioctls().at(0), RTPRIV_IOCTL_MESH, "apclii0", 4, Bytes(4, 0));
     // Refused: the payload keeps its value.
-    fake().failNth(FakeOs::Op::Ioctl, "0x8BF5 apclii0", 1, ENODEV);
+    fake().failNth("ioctl 0x8BF5 apclii0", 1, ENODEV);
     msg.payload[0] = 7;
     EXPECT_EQ(1u, mesh_cmd_handle(&msg));
     EXPECT_EQ(hexText("11000000 33333333 07000000 33333333"), toHex(&msg, 16));
