@@ -204,16 +204,6 @@ const Lines kDisable =
 const Lines kProbeReq =
     steps("ioctl 0x8913 apclii0 flags=0 len=0|ioctl 0x8BE1 apclii0 flags=34430 len=267");
 
-// Hex written by hand, zero-filled to `len` bytes.
-std::string padded(const std::string& spaced, size_t len) {
-    Bytes b = hexBytes(spaced);
-    b.resize(len);
-    return toHex(b.data(), b.size());
-}
-std::string payloadOf(const FakeOs::IoctlRecord& r) {
-    return toHex(r.payload.data(), r.payload.size());
-}
-
 TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackhaul) {
     for (bool existing : {false, true}) {
         SCOPED_TRACE(existing ? "existing backhaul" : "fresh backhaul");
@@ -224,6 +214,9 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
         g_allConfig.childList[3].digest[1] = 0x5c;
         ASSERT_EQ(0u, enableBlock(1));
         const auto req = fake().ioctls();
+        auto sent = [&req](size_t i) {
+            return toHex(req[i].payload.data(), req[i].payload.size());
+        };
         EXPECT_EQ(steps("ioctl 0x8B1B rai3 flags=0 len=32") +
                       (existing ? kBkhApReapplied : kBkhApCreated) + kEnableTail,
                   seam());
@@ -232,14 +225,14 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
         // last child, as the driver received them (the second template differs only in the
         // type byte the adapter sets).
         ASSERT_EQ(12u, req.size());
-        EXPECT_EQ(hexText(kLabel), payloadOf(req[1]));
-        EXPECT_EQ(padded("01000000 1b000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455", 267),
-                  payloadOf(req[2]));
+        EXPECT_EQ(hexText(kLabel), sent(1));
         EXPECT_EQ(
-            padded("04000000 9c000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455 80", 267),
-            payloadOf(req[6]));
-        EXPECT_EQ(padded("0a0000000004 d35cd3d3d3d3d3d3d3d3d3d3d3d3d3d3 00", 280),
-                  payloadOf(req[11]));
+            hexText("01000000 1b000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455", 267),
+            sent(2));
+        EXPECT_EQ(
+            hexText("04000000 9c000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455 80", 267),
+            sent(6));
+        EXPECT_EQ(hexText("0a0000000004 d35cd3d3d3d3d3d3d3d3d3d3d3d3d3d3 00", 280), sent(11));
         for (size_t i = 0; i < MESH_CHILD_RSA_SLOTS; i++) {
             EXPECT_EQ(i + 1, mesh_child_slot(i)->mac[5]);
         }

@@ -111,12 +111,11 @@ TEST_F(ChildTableTest, BlocksMadeForTheHeardKeyAndRemadeOnControllerChanges) {
     Lines reqs = childRequests();
     ASSERT_EQ(1u, reqs.size());
     Bytes rec = hexBytes(reqs[0].substr(4));
-    EXPECT_EQ("0200000000b2" + rep("5d", 16) + "80", toHex(rec.data(), 23));
+    EXPECT_EQ(hexText("0200000000b2 5d*16 80"), toHex(rec.data(), 23));
     EXPECT_EQ("80", toHex(&rec[151], 1));
-    EXPECT_EQ(secret + "31302e302e302e32" + zeros(72) + "000001bb00000007" + zeros(13),
+    EXPECT_EQ(hexText(secret + "31302e302e302e32 00*72 000001bb00000007 00*13"),
               decrypted(key, &rec[23]));
-    EXPECT_EQ(secret + "43544c2d31" + zeros(28) + "00000102" + zeros(64),
-              decrypted(key, &rec[152]));
+    EXPECT_EQ(hexText(secret + "43544c2d31 00*28 00000102 00*64"), decrypted(key, &rec[152]));
 
     // The same key from another station address: stored, nothing sent.
     ASSERT_EQ(0u, mesh_updateChildRsaData(&heard, kSta2));
@@ -136,7 +135,7 @@ TEST_F(ChildTableTest, BlocksMadeForTheHeardKeyAndRemadeOnControllerChanges) {
     EXPECT_EQ("del 0200000000b2", reqs[0]);
     const Bytes before = rec;
     rec = hexBytes(reqs[1].substr(4));
-    EXPECT_EQ(secret + "3139322e3136382e392e39" + zeros(69) + "000020fb00000001" + zeros(13),
+    EXPECT_EQ(hexText(secret + "3139322e3136382e392e39 00*69 000020fb00000001 00*13"),
               decrypted(key, &rec[23]));
     EXPECT_EQ(toHex(&before[151], 129), toHex(&rec[151], 129));
 
@@ -148,7 +147,7 @@ TEST_F(ChildTableTest, BlocksMadeForTheHeardKeyAndRemadeOnControllerChanges) {
     reqs = childRequests();
     ASSERT_EQ(2u, reqs.size());
     rec = hexBytes(reqs[1].substr(4));
-    EXPECT_EQ(secret + rep("5a", 33) + "00000003" + zeros(64), decrypted(key, &rec[152]));
+    EXPECT_EQ(hexText(secret + "5a*33 00000003 00*64"), decrypted(key, &rec[152]));
 
     // A heard child that left the configuration stops the re-encryption with an error.
     g_allConfig.childNum = 1;

@@ -184,10 +184,10 @@ TEST_F(ParentTest, ConnectJoinsTheParentWithTheDerivedCredentials) {
     ASSERT_EQ(0u, mesh_common_rsa_generateKey(&other));
     // The identity ("ctl-new", 6; none) and the address (10.0.0.9, 0x0a0b0c0d, 7) operations.
     const std::string newId =
-        hexText("57525051 0f002800 28000000 00000000 63746c2d6e6577") + zeros(29) + "06000000";
-    const std::string noId = hexText("57525051 0f002800 28000000 00000000") + zeros(40);
-    const std::string newAddr = hexText("57525051 03002200 0c010000 00000000 31302e302e302e39") +
-                                zeros(252) + hexText("0d0c0b0a 07000000");
+        hexText("57525051 0f002800 28000000 00000000 63746c2d6e6577 00*29 06000000");
+    const std::string noId = hexText("57525051 0f002800 28000000 00000000", 56);
+    const std::string newAddr =
+        hexText("57525051 03002200 0c010000 00000000 31302e302e302e39 00*252 0d0c0b0a 07000000");
     const Lines undecryptable = {"openssl decrypt failed\n", "decrypt failed\n",
                                  "unable to get ssid and passphrase"};
     const std::string changed = "controller ip port cfg is changed",

@@ -36,7 +36,7 @@ TEST_F(PayloadTest, BeaconAssociationRequestAndProbeResponseTemplate) {
     ASSERT_EQ(0u, mesh_payload_buildProbeRsp(kMac, &rsp));
     EXPECT_EQ(hexText("02" + kLabel + "01 001122334455"), hexOf(beacon));
     EXPECT_EQ(hexText("02" + kLabel + "01 001122334455"), hexOf(assoc));
-    EXPECT_EQ(hexText("00" + kLabel + "01 001122334455 80" + zeros(128)), hexOf(rsp));
+    EXPECT_EQ(hexText("00" + kLabel + "01 001122334455 80 00*128"), hexOf(rsp));
     EXPECT_EQ("", fake.takeStdout());
 
     EXPECT_EQ(1u, fillIntoAssocRequest(nullptr));
@@ -87,7 +87,7 @@ TEST_F(PayloadTest, ChildRecordWithAndWithoutPairingData) {
     auto rec = noise<MESH_CHILD_RECORD>();
     // A child not heard yet: lengths 0, zero blocks, still 280 bytes.
     ASSERT_EQ(0u, mesh_payload_buildChildRecord(mac, digest.data(), 0, nullptr, 0, nullptr, &rec));
-    EXPECT_EQ(hexText(head + zeros(1 + 128 + 1 + 128)), hexOf(rec));
+    EXPECT_EQ(hexText(head + "00*258"), hexOf(rec));
     const Bytes d1(128, 0x11), d2(128, 0x22);
     ASSERT_EQ(0u, mesh_payload_buildChildRecord(mac, digest.data(), 128, d1.data(), 128, d2.data(),
                                                 &rec));
@@ -106,8 +106,8 @@ TEST_F(PayloadTest, PairingBlocks) {
     addr.value2 = 0x12345678;
     auto blk = noise<MESH_PAIR_BLOCK_ADDR>();
     ASSERT_EQ(0u, mesh_payload_buildPairBlockAddr(secret.data(), &addr, &blk));
-    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 3139322e3136382e312e3130" + zeros(80 - 12) +
-                      "00001f90 12345678" + zeros(13)),
+    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 3139322e3136382e312e3130 00*68 00001f90 "
+                      "12345678 00*13"),
               hexOf(blk));
     // 79 characters keep their terminator at offset 95; a field of 80 characters without a
     // terminator is cut to the same 79.
@@ -125,8 +125,7 @@ TEST_F(PayloadTest, PairingBlocks) {
     id.verCap = 258;
     auto idBlk = noise<MESH_PAIR_BLOCK_ID>();
     ASSERT_EQ(0u, mesh_payload_buildPairBlockId(secret.data(), &id, &idBlk));
-    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 56542d3031" + zeros(33 - 5) + "00000102" +
-                      zeros(64)),
+    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 56542d3031 00*28 00000102 00*64"),
               hexOf(idBlk));
     // The identity field goes over whole, bytes after a terminator included. (33 characters
     // without a terminator are checked with the child table's blocks.)

@@ -25,7 +25,7 @@ TEST_F(DriverLayer, BackhaulApRunsWithAMeshEssidStationExistsWithReadableFlags) 
         essid = text;
         EXPECT_EQ(running, mesh_wlan_checkBkhApExist()) << text;
     }
-    expectRequest(fake().ioctls().at(0), SIOCGIWESSID, "rai3", 0, Bytes(32, 0)); // cleared
+    expectRequest(fake().ioctls().at(0), SIOCGIWESSID, "rai3", 0, "00*32"); // cleared
     fake().failNth("ioctl 0x8B1B rai3", 1, ENODEV);
     EXPECT_EQ(0u, mesh_wlan_checkBkhApExist());
     EXPECT_EQ(Lines{"ioclt SIOCGIWNAME failed"}, errors());

@@ -27,18 +27,6 @@ inline std::string realisticProfile() {
            "HideSSID=0;0;0;0\nWPAPSK=\nWPAPSK1=12345678\nWPAPSK2=\nWPAPSK3=\nWPAPSK4=\n";
 }
 
-// `n` zero bytes, and `n` times the bytes `hex`, as hex text.
-inline std::string zeros(size_t n) {
-    return std::string(2 * n, '0');
-}
-inline std::string rep(const std::string& hex, size_t n) {
-    std::string out;
-    while (n-- > 0) {
-        out += hex;
-    }
-    return out;
-}
-
 // A survey entry: bssid 02:11:22:33:44:<last> (all zero for last 0), the u32 at 40, rssi, and
 // meshAttr. Entries are 72 bytes; the fields the daemon does not read hold noise.
 struct Entry {
