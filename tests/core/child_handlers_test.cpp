@@ -26,10 +26,6 @@ class ChildHandlers : public WlanTest {
   protected:
     void SetUp() override {
         WlanTest::SetUp();
-        mesh_config_reset();
-        mesh_child_resetForTest();
-        mesh_handle_clearCandidateChild();
-        openLog();
         g_allConfig.meshEnable = 1;
         memcpy(g_allConfig.deviceMac, "\x00\x0c\x43\x01\x02\x03", 6);
         fake().onIoctl(SIOCGIWESSID, [this](FakeOs::Ioctl& r) {
@@ -37,12 +33,6 @@ class ChildHandlers : public WlanTest {
             return 0;
         });
         ASSERT_EQ(0u, mesh_common_rsa_generateKey(&key));
-    }
-    void TearDown() override {
-        mesh_child_resetForTest();
-        mesh_handle_clearCandidateChild();
-        mesh_config_reset();
-        WlanTest::TearDown();
     }
     // A child-probe event of device `d` from station `s`.
     void hear(const Mac& d, const Mac& s, int8_t signal = -60, uint8_t flags = 1) {

@@ -28,28 +28,16 @@ class MeshLife : public WlanTest {
   protected:
     void SetUp() override {
         WlanTest::SetUp();
-        mesh_config_reset();
-        mesh_child_resetForTest();
         mesh_handle_resetInit();
-        mesh_parentHandler_resetModule();
-        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_CHILD_PROBE);
-        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_PARENT_INFO);
         mesh_state_resetModule();
         mesh_netChk_resetModule();
         fake().setIfIndex("br0", 7);
-        ASSERT_EQ(0, mesh_log_open());
-        fake().clearRecords();
     }
     void TearDown() override {
         mesh_netChk_destroy();
         fake().advanceSeconds(5); // stopped network-check threads wake and end
         mesh_netChk_resetModule();
         mesh_state_resetModule();
-        mesh_parentHandler_resetModule();
-        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_CHILD_PROBE);
-        mesh_child_resetForTest();
-        fclose(g_meshLog);
-        g_meshLog = nullptr;
         WlanTest::TearDown();
     }
 
@@ -115,10 +103,6 @@ class MeshLife : public WlanTest {
         }
         fake().clearRecords();
         return out;
-    }
-    Lines events() {
-        fflush(g_meshLog);
-        return eventTexts(fake().readFile(MESH_LOG_PATH));
     }
     // Children 1 to 3 configured: 1 admitted and heard (station 06:00:00:00:00:01, a key), 2
     // admitted but not heard, 3 without a slot.

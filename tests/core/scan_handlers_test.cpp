@@ -16,14 +16,12 @@ class ScanHandlers : public WlanTest {
   protected:
     void SetUp() override {
         WlanTest::SetUp();
-        mesh_config_reset();
         g_allConfig.meshEnable = 1;
         // One candidate parent in the survey: bssid 02:11:22:33:44:01, value 7, -50 dBm, mesh 1.
         scriptSurvey(fake(), 0, table(1, {{1, 7, -50, 1}}));
     }
     void TearDown() override {
         waitIdle();
-        mesh_config_reset();
         WlanTest::TearDown();
     }
     uint32_t start(uint32_t notify) {

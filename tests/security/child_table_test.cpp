@@ -22,19 +22,12 @@ class ChildTableTest : public WlanTest {
   protected:
     void SetUp() override {
         WlanTest::SetUp();
-        mesh_config_reset();
-        mesh_child_resetForTest();
         for (size_t i = 0; i < sizeof g_meshRandom; ++i) {
             g_meshRandom[i] = static_cast<uint8_t>(i);
         }
         g_allConfig.controllerIpPort = {"10.0.0.2", 443, 7};
         strcpy(g_allConfig.orbpCfg.vintacId, "CTL-1");
         g_allConfig.orbpCfg.verCap = 0x0102;
-    }
-    void TearDown() override {
-        mesh_child_resetForTest();
-        mesh_config_reset();
-        WlanTest::TearDown();
     }
     static uint32_t add(const uint8_t* mac) {
         MESH_CHILD_RECORD r{};

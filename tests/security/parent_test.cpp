@@ -25,18 +25,11 @@ class ParentTest : public WlanTest {
   protected:
     void SetUp() override {
         WlanTest::SetUp();
-        mesh_config_reset();
-        mesh_parentHandler_resetModule();
         setRescanRequest(0);
-        openLog();
         g_allConfig.controllerIpPort = kOwnAddr;
         strcpy(g_allConfig.orbpCfg.vintacId, "ctl-9");
         g_allConfig.orbpCfg.verCap = 5;
         ASSERT_EQ(0u, mesh_common_rsa_getSingleton(&ours));
-    }
-    void TearDown() override {
-        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_PARENT_INFO);
-        WlanTest::TearDown();
     }
     // The elements installed on the station since the last clear: "probe<flags byte>" (the
     // element starts at byte 15 of the driver's record) or "assoc".
