@@ -322,6 +322,12 @@ TEST_F(MeshLife, SetCommandsStoreWhileDisabledIgnoreRepeatsAndApplyChanges) {
          {"shell iwpriv rai3 set HtBw=0", "shell iwpriv rai3 set VhtBw=0",
           "shell iwpriv rai3 set HtBssCoex=0", "shell iwpriv rai3 set HtExtcha=0",
           "shell iwpriv rai3 set AutoChannelSel=0", "shell iwpriv rai3 set Channel=36"}},
+        {MESH_CMD_SET_BASIC_WLAN_CFG,
+         716,
+         20,
+         "00000000 02000000 71160000 0e000000 00000000",
+         "00000000 02000000 71160000 0f000000 01000000",
+         {}}, // same channel and width
         {MESH_CMD_SET_ADV_WLAN_CFG, 736, 4, "01000000", "02000000", {}},
     };
     for (const SetCase& c : cases) {

@@ -107,9 +107,6 @@ TEST_F(ParentTest, ParentInformationArrivesOverNetlinkAndAChangedModeAsksForARes
         EXPECT_EQ(toHex(&msg[24], 280), hexOf(got));
         EXPECT_EQ("1 " + std::to_string(r.channel) + " " + std::to_string(r.wlanMode), stored());
     }
-    EXPECT_EQ(1u, mesh_parentHandler_getParentInfo(nullptr));
-    handleNetlinkParent(nullptr);
-    EXPECT_EQ(Lines{"null pointer\n"}, errors());
 
     // Leaving: the type is unregistered and the station switched off.
     ASSERT_EQ(0u, mesh_parentHandler_destroy());

@@ -15,7 +15,6 @@ const char* const kTargetOn = "1 1 0a:1b:2c:3d:4e:5f";
 TEST_F(NetChk, KernelLineFailuresAndLongPortNames) {
     start(config());
     fake.clearRecords();
-    EXPECT_EQ(1u, mesh_netChk_setTargetCountConfig(1, nullptr));
     fake.failNth("packet-ifindex apclii0", 1, ENODEV);
     EXPECT_EQ(1u, mesh_netChk_setLoopInitConfig());
     fake.failNth(kCountWrite, 1, EIO); // fails after the open: only reported
@@ -106,7 +105,6 @@ TEST_F(NetChk, ArpProbe) {
               toHex(fake.packetsSent()[0].frame.data(), fake.packetsSent()[0].frame.size()));
     EXPECT_EQ("packet-open 0x0806", fake.transcript().front());
 
-    EXPECT_EQ(1u, mesh_netChk_checkIpByArp(kDevice, kGateway, nullptr));
     fake.failNth("packet-open", 1, EPERM);
     EXPECT_EQ(1u, mesh_netChk_checkIpByArp(kDevice, kGateway, mac));
     fake.failNth("packet-recv", 1, EIO); // ends the probe; the answer stays queued
@@ -138,7 +136,7 @@ TEST_F(NetChk, ArpProbe) {
     EXPECT_EQ(4000u, fake.nowMillis() - before);
     EXPECT_TRUE(fake.fired(fortieth));
     EXPECT_FALSE(fake.fired(fortySecond));
-    EXPECT_EQ((Lines{"invalid param", "create socket fail", "select error"}), errors());
+    EXPECT_EQ((Lines{"create socket fail", "select error"}), errors());
 }
 
 TEST_F(NetChk, CounterDecidesWhenToProbe) {
@@ -223,7 +221,6 @@ TEST_F(NetChk, TargetSelection) {
     };
     hosts[kTarget] = kHostMac;
     start(config());
-    ASSERT_EQ(1u, mesh_netChk_setConfig(nullptr));
     for (const auto& c : cases) {
         const NETCHK_CONFIG cfg = config(c.set, c.target);
         ASSERT_EQ(0u, mesh_netChk_setConfig(&cfg)); // starts over with a probe
@@ -246,7 +243,6 @@ TEST_F(NetChk, TargetSelection) {
 TEST_F(NetChk, InitAndDestroy) {
     ASSERT_EQ(0, mesh_log_open());
     const NETCHK_CONFIG cfg = config();
-    EXPECT_EQ(1u, mesh_netChk_init(&cfg, nullptr, "pon0"));
     fake.failNth("packet-ifindex br0", 1, ENODEV);
     EXPECT_EQ(1u, mesh_netChk_init(&cfg, kOwnMac.data(), "pon0"));
     EXPECT_EQ(Lines{"get bridge interface index fail"}, errors());
