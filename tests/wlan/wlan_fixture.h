@@ -73,6 +73,7 @@ inline void scriptSurvey(FakeOs& f, int busy, Bytes t, uint16_t len = 0) {
 class WlanTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        seenEvents_ = 0;
         resetModules();
         fake().runForReal("sed ");
         ASSERT_EQ(mesh_api_init(), 0u);
