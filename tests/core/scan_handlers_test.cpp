@@ -110,14 +110,4 @@ TEST_F(ScanHandlers, NoticeOnlyWhenAskedAndAlsoAfterAFailedScan) {
     EXPECT_EQ("scan candidate parent ap fail", errs.back());
 }
 
-TEST_F(ScanHandlers, DisabledMeshAnswersNothing) {
-    g_allConfig.meshEnable = 0;
-    uint8_t reply[8];
-    memset(reply, 0xee, sizeof reply);
-    EXPECT_EQ(1u, mesh_handle_scanCandidateAp(reply) & mesh_handle_getScanState(reply) &
-                      mesh_handle_getScanResult(reply));
-    EXPECT_EQ(std::string(16, 'e'), toHex(reply, 8));
-    EXPECT_EQ(0, surveys());
-}
-
 } // namespace

@@ -75,15 +75,4 @@ TEST(Utilities, Md5AndPassphraseAgainstPublishedAndIndependentlyComputedDigests)
     EXPECT_STREQ("15531fe6242edc8518fe842fb0f390df", out);
 }
 
-// (Command lines cut at 511 characters are checked with the profile store's setter.)
-TEST(Utilities, SystemfPassesTheWaitStatusUptimeFollowsTheClock) {
-    FakeOsScope s;
-    s.fake.onShell("exit ", [](const std::string& line) { return std::stoi(line.substr(5)) << 8; });
-    EXPECT_EQ(1 << 8, mesh_common_systemf("exit %d", 1)) << "the wait status, not the exit code";
-    EXPECT_EQ(std::vector<std::string>{"exit 1"}, s.fake.shellLines());
-    uint32_t before = mesh_common_getUptime();
-    s.fake.advanceSeconds(42);
-    EXPECT_EQ(before + 42, mesh_common_getUptime());
-}
-
 } // namespace

@@ -57,8 +57,6 @@ class ChildTableTest : public WlanTest {
 
 TEST_F(ChildTableTest, FourSlotsClaimedLowestFirstAndReleasedWhole) {
     uint8_t sta[6];
-    uint8_t probe[6] = {0x0a, 0x11, 0x11, 0x11, 0x11, 0x11};
-    MESH_CHILD_RECORD rec;
     const struct {
         std::function<uint32_t()> op;
         uint32_t rc;
@@ -72,8 +70,6 @@ TEST_F(ChildTableTest, FourSlotsClaimedLowestFirstAndReleasedWhole) {
          1,
          {"can't find the mac in l_childRsa"}},
         {[&] { return mesh_getChildStaMac(kMac[1], sta); }, 1, {}},
-        {[&] { return mesh_getChildRsaData(kMac[1], &rec); }, 1, {}},
-        {[&] { return mesh_getChildMacByStaMac(probe); }, 1, {}},
         {[] { return add(kMac[4]); }, 0, {}}, // into the freed slot 1
     };
     for (size_t i = 0; i < std::size(steps); ++i) {
