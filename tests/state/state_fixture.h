@@ -91,7 +91,16 @@ class StateTest : public WlanTest {
         }
         return out;
     }
-    size_t arps() { return fake().packetsSent().size(); }
+    // The frames sent, as hex, each checked to go out on the bridge as ARP.
+    Lines frames() {
+        Lines out = fake().transcriptOf("packet-send ");
+        for (std::string& f : out) {
+            EXPECT_EQ("7 0x0806 ", f.substr(0, 9));
+            f.erase(0, 9);
+        }
+        return out;
+    }
+    size_t arps() { return frames().size(); }
     size_t reads(const std::string& path) {
         const Lines r = fake().procReads();
         return static_cast<size_t>(std::count(r.begin(), r.end(), path));

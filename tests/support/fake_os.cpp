@@ -298,7 +298,6 @@ void FakeOs::clearRecords() {
     std::lock_guard<std::mutex> g(mu_);
     transcript_.clear();
     ioctls_.clear();
-    packets_.clear();
     stdout_.clear();
     stderr_.clear();
 }
@@ -403,14 +402,17 @@ int FakeOs::readRandom(void* buf, size_t len) {
 
 // ---- Os: wireless ioctls -------------------------------------------------------------------
 
-int FakeOs::wlanSocket() {
+int FakeOs::newFd(const std::string& line) {
     std::lock_guard<std::mutex> g(mu_);
-    if (failing("wlan-socket")) {
+    if (failing(line)) {
         return -1;
     }
-    int fd = nextFd_++;
-    fds_.insert(fd);
-    return fd;
+    fds_.insert(nextFd_);
+    return nextFd_++;
+}
+
+int FakeOs::wlanSocket() {
+    return newFd("wlan-socket");
 }
 
 int FakeOs::wlanIoctl(int fd, unsigned long request, void* arg) {
@@ -470,11 +472,7 @@ int FakeOs::wlanIoctl(int fd, unsigned long request, void* arg) {
 // ---- Os: netlink ------------------------------------------------------------------------------
 
 int FakeOs::netlinkOpen(int protocol) {
-    std::lock_guard<std::mutex> g(mu_);
-    transcript_.push_back("netlink-open " + std::to_string(protocol));
-    int fd = nextFd_++;
-    fds_.insert(fd);
-    return fd;
+    return newFd("netlink-open " + std::to_string(protocol));
 }
 
 int FakeOs::netlinkBind(int fd, uint32_t portId) {
@@ -510,15 +508,9 @@ int FakeOs::netlinkRecv(int /*fd*/, void* buf, size_t max) {
 // ---- Os: packet sockets -----------------------------------------------------------------------
 
 int FakeOs::packetOpen(uint16_t etherType) {
-    std::lock_guard<std::mutex> g(mu_);
     char b[32];
     snprintf(b, sizeof b, "packet-open 0x%04x", etherType);
-    if (failing(b)) {
-        return -1;
-    }
-    int fd = nextFd_++;
-    fds_.insert(fd);
-    return fd;
+    return newFd(b);
 }
 
 int FakeOs::packetIfIndex(int /*fd*/, const char* ifName) {
@@ -540,7 +532,6 @@ int FakeOs::packetSend(int /*fd*/, int ifIndex, uint16_t protocol, const void* f
                Bytes(static_cast<const uint8_t*>(frame), static_cast<const uint8_t*>(frame) + len)};
     {
         std::lock_guard<std::mutex> g(mu_);
-        packets_.push_back(pkt);
         char proto[16];
         snprintf(proto, sizeof proto, " 0x%04x ", protocol);
         if (failing("packet-send " + std::to_string(ifIndex) + proto + toHex(frame, len))) {

@@ -6,8 +6,8 @@
 // runForReal() run through the real /bin/sh, semaphores are real System V semaphores
 // under a key of the fake's own.
 //
-// Every operation is recorded, in order, in a transcript of one line per operation (ioctls and
-// packets also as typed records) that tests assert exactly. Replies are scripted per kind of
+// Every operation is recorded, in order, in a transcript of one line per operation (ioctls also
+// as typed records) that tests assert exactly. Replies are scripted per kind of
 // operation; failNth() makes the Nth operation whose transcript line starts with a given text
 // fail, and tells afterwards whether it did.
 //
@@ -122,7 +122,6 @@ class FakeOs : public Os {
     std::vector<std::string> procReads() const { return transcriptOf("proc-read "); }
     std::vector<IoctlRecord> ioctls() const { return locked(ioctls_); }
     std::vector<IoctlRecord> ioctls(unsigned long request) const;
-    std::vector<Packet> packetsSent() const { return locked(packets_); }
     void clearRecords();
     std::string takeStdout();
     std::string stdoutText() const { return locked(stdout_); }
@@ -174,6 +173,8 @@ class FakeOs : public Os {
     };
     // Records `line`; true (errno set) when a rule makes this operation fail. Caller holds mu_.
     bool failing(const std::string& line);
+    // Records `line` and hands out a descriptor, or fails (-1) by a rule.
+    int newFd(const std::string& line);
     template <typename T> T locked(const T& v) const {
         std::lock_guard<std::mutex> g(mu_);
         return v;
@@ -221,7 +222,6 @@ class FakeOs : public Os {
 
     std::vector<std::string> transcript_;
     std::vector<IoctlRecord> ioctls_;
-    std::vector<Packet> packets_;
     std::string stdout_;
     std::string stderr_;
 };
