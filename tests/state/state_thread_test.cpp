@@ -4,15 +4,10 @@
 #include "state_fixture.h"
 
 #include "core/mesh_config.h"
-#include "core/mesh_main.h"
 #include "core/mesh_msg.h"
-#include "platform/unix_sock.h"
 #include "security/mesh_parent.h"
 #include "security/mesh_payload.h"
 #include "security/mesh_rsa.h"
-
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -166,27 +161,13 @@ TEST_F(StateThread, EachRuleFromItsState) {
     }
 }
 
-// The command thread serves state queries and a rescan request while both threads tick.
+// State queries and a rescan request served while both threads tick.
 TEST_F(StateThread, CommandsWhileTheThreadsRun) {
-    UNIX_SOCK_SRV_CTX srv{};
-    ASSERT_EQ(0, unix_sock_initSrv(MESH_CMD_SRV_ID, &srv, MESH_CMD_SRV_BACKLOG));
-    constexpr int kCommands = 11;
-    std::thread server([&] {
-        for (int i = 0; i < kCommands; ++i) {
-            mesh_receive_cmd(srv.listenFd);
-        }
-    });
-    auto command = [&](MESH_CMD_TYPE type, uint32_t word) { // the reply's first payload word
+    auto command = [](MESH_CMD_TYPE type, uint32_t word) { // the reply's first payload word
         MESH_CMD_MSG msg{};
         msg.type = type;
         memcpy(msg.payload, &word, sizeof word);
-        const int fd = unix_sock_connectPath(fake().rooted("/var/run/usock/21.sock").c_str());
-        int32_t len = 0;
-        EXPECT_EQ(0, unix_sock_sendHeader(fd, sizeof msg, MESH_CMD_MSG_CODE));
-        EXPECT_EQ(0, unix_sock_sendData(fd, &msg, sizeof msg));
-        EXPECT_EQ(0, unix_sock_recvHeader(fd, MESH_CMD_MSG_CODE, &len));
-        EXPECT_EQ(0, unix_sock_recvData(fd, len, &msg));
-        close(fd);
+        EXPECT_EQ(0u, mesh_cmd_handle(&msg));
         memcpy(&word, msg.payload, sizeof word);
         return word;
     };
@@ -194,13 +175,11 @@ TEST_F(StateThread, CommandsWhileTheThreadsRun) {
     isolate();
     join();
     std::string states;
-    for (int i = 0; i < kCommands; ++i) {
+    for (int i = 0; i < 11; ++i) {
         states += std::to_string(i == 2 ? command(MESH_CMD_REQUEST_RESCAN, 1)
                                         : command(MESH_CMD_GET_MESH_STATE, 0));
         tick();
     }
-    server.join();
-    close(srv.listenFd);
     // The request is taken on the next tick; the move comes 5 s later and marks the
     // management state unknown.
     EXPECT_EQ("22"
