@@ -91,7 +91,6 @@ TEST_F(NetlinkTest, RegistrationAcceptsOneCallbackPerType) {
         {'r', 3, onProbe, 0, {}},
         {'r', 4, onProbe, 1, {"error:wrong mesh netlink event type"}},
         {'r', 2, nullptr, 1, {"error:callback is empty"}},
-        {'r', 7, nullptr, 1, {"error:callback is empty"}},
         {'r', 2, onParent, 0, {}},
         {'r', 2, onProbe, 1, {"error:the callback of event(2) has been registered"}},
         {'e', 2, nullptr, 0, {"parent:1234000000000000"}}, // the first one stays
