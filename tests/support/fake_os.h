@@ -83,8 +83,6 @@ class FakeOs : public Os {
     // Contents of a kernel file; a file never set does not exist (ENOENT).
     void setProc(const std::string& path, const std::string& content);
     void removeProc(const std::string& path);
-    // Bytes that readRandom hands out next (afterwards: a counting pattern).
-    void queueRandom(const Bytes& bytes);
     // Interface indexes known to SIOCGIFINDEX on packet sockets.
     void setIfIndex(const std::string& ifName, int index);
     // Called for every frame sent on a packet socket (may queue replies).
@@ -212,7 +210,6 @@ class FakeOs : public Os {
     std::vector<std::pair<std::string, std::function<int(const std::string&)>>> shellHandlers_;
     std::map<unsigned long, std::function<int(Ioctl&)>> ioctlHandlers_;
     std::map<std::string, std::string> proc_;
-    std::deque<uint8_t> random_;
     uint8_t randomCounter_ = 0;
     std::map<std::string, int> ifIndex_;
     std::function<void(const Packet&)> packetHook_;
