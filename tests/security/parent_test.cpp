@@ -107,12 +107,7 @@ TEST_F(ParentTest, ParentInformationArrivesOverNetlinkAndAChangedModeAsksForARes
         EXPECT_EQ(toHex(&msg[24], 280), hexOf(got));
         EXPECT_EQ("1 " + std::to_string(r.channel) + " " + std::to_string(r.wlanMode), stored());
     }
-
-    // Leaving: the type is unregistered and the station switched off.
-    ASSERT_EQ(0u, mesh_parentHandler_destroy());
-    EXPECT_EQ((Lines{"brctl delif br0 apclii0 > /dev/null", "ifconfig apclii0 down"}),
-              fake().shellLines());
-    EXPECT_EQ(0u, mesh_parentHandler_init()) << "the slot is free again";
+    // (Leaving, which frees the type and switches the station off, is in the mesh life test.)
 }
 
 // Events on a monitor thread while the command side reads the handler and changes the table:
