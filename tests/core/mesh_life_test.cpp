@@ -28,28 +28,16 @@ class MeshLife : public WlanTest {
   protected:
     void SetUp() override {
         WlanTest::SetUp();
-        mesh_config_reset();
-        mesh_child_resetForTest();
         mesh_handle_resetInit();
-        mesh_parentHandler_resetModule();
-        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_CHILD_PROBE);
-        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_PARENT_INFO);
         mesh_state_resetModule();
         mesh_netChk_resetModule();
         fake().setIfIndex("br0", 7);
-        ASSERT_EQ(0, mesh_log_open());
-        fake().clearRecords();
     }
     void TearDown() override {
         mesh_netChk_destroy();
         fake().advanceSeconds(5); // stopped network-check threads wake and end
         mesh_netChk_resetModule();
         mesh_state_resetModule();
-        mesh_parentHandler_resetModule();
-        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_CHILD_PROBE);
-        mesh_child_resetForTest();
-        fclose(g_meshLog);
-        g_meshLog = nullptr;
         WlanTest::TearDown();
     }
 
@@ -115,10 +103,6 @@ class MeshLife : public WlanTest {
         }
         fake().clearRecords();
         return out;
-    }
-    Lines events() {
-        fflush(g_meshLog);
-        return eventTexts(fake().readFile(MESH_LOG_PATH));
     }
     // Children 1 to 3 configured: 1 admitted and heard (station 06:00:00:00:00:01, a key), 2
     // admitted but not heard, 3 without a slot.
@@ -204,16 +188,6 @@ const Lines kDisable =
 const Lines kProbeReq =
     steps("ioctl 0x8913 apclii0 flags=0 len=0|ioctl 0x8BE1 apclii0 flags=34430 len=267");
 
-// Hex written by hand, zero-filled to `len` bytes.
-std::string padded(const std::string& spaced, size_t len) {
-    Bytes b = hexBytes(spaced);
-    b.resize(len);
-    return toHex(b.data(), b.size());
-}
-std::string payloadOf(const FakeOs::IoctlRecord& r) {
-    return toHex(r.payload.data(), r.payload.size());
-}
-
 TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackhaul) {
     for (bool existing : {false, true}) {
         SCOPED_TRACE(existing ? "existing backhaul" : "fresh backhaul");
@@ -224,6 +198,9 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
         g_allConfig.childList[3].digest[1] = 0x5c;
         ASSERT_EQ(0u, enableBlock(1));
         const auto req = fake().ioctls();
+        auto sent = [&req](size_t i) {
+            return toHex(req[i].payload.data(), req[i].payload.size());
+        };
         EXPECT_EQ(steps("ioctl 0x8B1B rai3 flags=0 len=32") +
                       (existing ? kBkhApReapplied : kBkhApCreated) + kEnableTail,
                   seam());
@@ -232,14 +209,14 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
         // last child, as the driver received them (the second template differs only in the
         // type byte the adapter sets).
         ASSERT_EQ(12u, req.size());
-        EXPECT_EQ(hexText(kLabel), payloadOf(req[1]));
-        EXPECT_EQ(padded("01000000 1b000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455", 267),
-                  payloadOf(req[2]));
+        EXPECT_EQ(hexText(kLabel), sent(1));
         EXPECT_EQ(
-            padded("04000000 9c000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455 80", 267),
-            payloadOf(req[6]));
-        EXPECT_EQ(padded("0a0000000004 d35cd3d3d3d3d3d3d3d3d3d3d3d3d3d3 00", 280),
-                  payloadOf(req[11]));
+            hexText("01000000 1b000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455", 267),
+            sent(2));
+        EXPECT_EQ(
+            hexText("04000000 9c000000 025ea7 02 025ea7 02" + kLabel + "01 021122334455 80", 267),
+            sent(6));
+        EXPECT_EQ(hexText("0a0000000004 d35cd3d3d3d3d3d3d3d3d3d3d3d3d3d3 00", 280), sent(11));
         for (size_t i = 0; i < MESH_CHILD_RSA_SLOTS; i++) {
             EXPECT_EQ(i + 1, mesh_child_slot(i)->mac[5]);
         }
@@ -263,7 +240,7 @@ TEST_F(MeshLife, EnablingAndDisablingRunInTheirOrderForAFreshAndAnExistingBackha
 
 struct Failure {
     bool disabling;
-    const char* match; // ioctl key: request and interface
+    const char* match; // the failing ioctl: request and interface
     int nth;
     const char* error;
 };
@@ -276,7 +253,7 @@ TEST_P(MeshFailure, LeavesMeshEnableAsItWasAndTheLockFree) {
         ASSERT_EQ(0u, enableBlock(1));
         fake().takeStdout();
     }
-    const int rule = fake().failNth(FakeOs::Op::Ioctl, f.match, f.nth, EIO);
+    const int rule = fake().failNth(f.match, f.nth, EIO);
     EXPECT_EQ(1u, enableBlock(f.disabling ? 0 : 1));
     EXPECT_TRUE(fake().fired(rule));
     const Lines e = errors(); // the adapter's line, the step's, and the type 4 summary
@@ -289,11 +266,11 @@ TEST_P(MeshFailure, LeavesMeshEnableAsItWasAndTheLockFree) {
 
 INSTANTIATE_TEST_SUITE_P(
     Steps, MeshFailure,
-    ::testing::Values(Failure{false, "0x8BF5 rai3", 1, "set label fail"},
-                      Failure{false, "0x8BE1 ra5", 1, "update beacon for ra5 fail"},
-                      Failure{false, "0x8BF5 rai3", 3, "add child fail"},
-                      Failure{true, "0x8BE1 ra0", 1, "delete normal ap beacon fail"},
-                      Failure{true, "0x8BF5 rai3", 2, "delete child fail"}));
+    ::testing::Values(Failure{false, "ioctl 0x8BF5 rai3", 1, "set label fail"},
+                      Failure{false, "ioctl 0x8BE1 ra5", 1, "update beacon for ra5 fail"},
+                      Failure{false, "ioctl 0x8BF5 rai3", 3, "add child fail"},
+                      Failure{true, "ioctl 0x8BE1 ra0", 1, "delete normal ap beacon fail"},
+                      Failure{true, "ioctl 0x8BF5 rai3", 2, "delete child fail"}));
 
 TEST_F(MeshLife, CountsAboveTheListsAreRefusedWhole) {
     g_allConfig = record(0, 1);
@@ -345,6 +322,12 @@ TEST_F(MeshLife, SetCommandsStoreWhileDisabledIgnoreRepeatsAndApplyChanges) {
          {"shell iwpriv rai3 set HtBw=0", "shell iwpriv rai3 set VhtBw=0",
           "shell iwpriv rai3 set HtBssCoex=0", "shell iwpriv rai3 set HtExtcha=0",
           "shell iwpriv rai3 set AutoChannelSel=0", "shell iwpriv rai3 set Channel=36"}},
+        {MESH_CMD_SET_BASIC_WLAN_CFG,
+         716,
+         20,
+         "00000000 02000000 71160000 0e000000 00000000",
+         "00000000 02000000 71160000 0f000000 01000000",
+         {}}, // same channel and width
         {MESH_CMD_SET_ADV_WLAN_CFG, 736, 4, "01000000", "02000000", {}},
     };
     for (const SetCase& c : cases) {

@@ -16,14 +16,12 @@ class ScanHandlers : public WlanTest {
   protected:
     void SetUp() override {
         WlanTest::SetUp();
-        mesh_config_reset();
         g_allConfig.meshEnable = 1;
         // One candidate parent in the survey: bssid 02:11:22:33:44:01, value 7, -50 dBm, mesh 1.
         scriptSurvey(fake(), 0, table(1, {{1, 7, -50, 1}}));
     }
     void TearDown() override {
         waitIdle();
-        mesh_config_reset();
         WlanTest::TearDown();
     }
     uint32_t start(uint32_t notify) {
@@ -110,16 +108,6 @@ TEST_F(ScanHandlers, NoticeOnlyWhenAskedAndAlsoAfterAFailedScan) {
     const Lines errs = errors();
     ASSERT_FALSE(errs.empty());
     EXPECT_EQ("scan candidate parent ap fail", errs.back());
-}
-
-TEST_F(ScanHandlers, DisabledMeshAnswersNothing) {
-    g_allConfig.meshEnable = 0;
-    uint8_t reply[8];
-    memset(reply, 0xee, sizeof reply);
-    EXPECT_EQ(1u, mesh_handle_scanCandidateAp(reply) & mesh_handle_getScanState(reply) &
-                      mesh_handle_getScanResult(reply));
-    EXPECT_EQ(std::string(16, 'e'), toHex(reply, 8));
-    EXPECT_EQ(0, surveys());
 }
 
 } // namespace

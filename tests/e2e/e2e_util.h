@@ -1,9 +1,14 @@
-// What the end-to-end tests share: temporary roots, started programs (launch.h), raw protocol
-// messages, a real clock the test moves by hand, and the headers they all use.
+// What the end-to-end tests share: temporary roots, started programs, raw protocol messages, a
+// real clock the test moves by hand, and the headers they all use.
+//
+// Started programs: in a cross build the build's programs are the target's and run under the
+// build's emulator (qemu-user), whose command words the build hands in as ZORMESH_EMULATOR, so
+// the tests need no binfmt handler. A program that cannot start is reported at once, and every
+// wait on a started program also ends when the program does, so a test never hangs on a
+// program that died.
 #pragma once
 
 #include "emu_script.h"
-#include "launch.h"
 #include "platform/hex.h"
 #include "platform/remote_os.h"
 #include "platform/wireless.h"
@@ -29,6 +34,8 @@
 #include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
@@ -36,14 +43,95 @@
 #include <utility>
 #include <vector>
 
+extern char** environ;
+
 namespace e2e {
 
 using Bytes = std::vector<uint8_t>;
 using hex::hexBytes;
 
-using launch::binPath;
-using launch::Child;
-using launch::kStartMs;
+constexpr int kStartMs = 10000; // bound for a process start or an answer, not a measurement
+
+// A program of the build (zormesh-node, zormesh-emu, zormeshctl).
+inline std::string binPath(const char* name) {
+    return std::string(ZORMESH_BIN_DIR) + "/" + name;
+}
+
+// A started program with stdout and stderr going to files; killed (SIGKILL) and reaped by the
+// destructor if still running.
+class Child {
+  public:
+    Child(std::vector<std::string> argv, const std::string& outFile, const std::string& errFile) {
+        // Natively the program itself; in a cross build the emulator and its options first.
+        std::vector<std::string> words;
+        std::istringstream in(ZORMESH_EMULATOR);
+        for (std::string w; in >> w;) {
+            words.push_back(w);
+        }
+        words.insert(words.end(), argv.begin(), argv.end());
+        what_ = argv.empty() ? "" : argv[0];
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        posix_spawn_file_actions_addopen(&fa, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        std::vector<char*> args;
+        for (auto& a : words) {
+            args.push_back(&a[0]);
+        }
+        args.push_back(nullptr);
+        // posix_spawnp: the emulator is found on PATH, the build's programs by their path.
+        const int rc = args[0] != nullptr
+                           ? posix_spawnp(&pid_, args[0], &fa, nullptr, args.data(), environ)
+                           : EINVAL;
+        if (rc == 0) {
+            // Readable when the program ends: waits need no polling.
+            pidFd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+        } else {
+            pid_ = -1;
+            error_ = "cannot start " + words[0] + ": " + strerror(rc);
+            fprintf(stderr, "%s\n", error_.c_str());
+        }
+        posix_spawn_file_actions_destroy(&fa);
+    }
+    ~Child() {
+        if (running()) {
+            ::kill(pid_, SIGKILL);
+            waitExit();
+        }
+        close(pidFd_);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // Empty when the program started; otherwise why it did not (for an assertion message).
+    const std::string& startError() const { return error_; }
+    bool started() const { return pid_ > 0; }
+
+    // Waits up to `timeoutMs` for the program to end: its exit status, -1 when it is still
+    // running, was ended by a signal or never started.
+    int waitExit(int timeoutMs = kStartMs) {
+        pollfd p{pidFd_, POLLIN, 0};
+        int st = 0;
+        if (status_ == -1 && pidFd_ >= 0 && poll(&p, 1, timeoutMs) > 0 &&
+            waitpid(pid_, &st, WNOHANG) == pid_) {
+            status_ = st;
+        }
+        return status_ != -1 && WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+    }
+    bool running() { return started() && waitExit(0) == -1 && status_ == -1; }
+
+    // What the program is, for messages: its path without the emulator.
+    const std::string& what() const { return what_; }
+
+  private:
+    pid_t pid_ = -1;
+    int pidFd_ = -1;
+    int status_ = -1; // raw wait status once reaped
+    std::string what_;
+    std::string error_;
+};
 
 // A fresh directory under /tmp, removed with its contents by the destructor.
 class TempRoot {

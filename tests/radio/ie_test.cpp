@@ -35,16 +35,16 @@ TEST_F(IeTest, BeaconAndStationElements) {
     EXPECT_EQ(0u, mesh_wlan_updateProbeReq(&probe));
 
     // Frame mask, ieLength = 3 + payload, OUI, vendor type, OUI again, payload, zeros to 267.
-    const std::string body = "1b000000 025ea7 02 025ea7" + kBeacon + zeros(228);
+    const std::string body = "1b000000 025ea7 02 025ea7" + kBeacon + "00*228";
     auto reqs = fake().ioctls();
     ASSERT_EQ(5u, reqs.size());
-    expectRequest(reqs[0], 0x8BE1, "ra1", 0x867E, hexBytes("01000000" + body));
-    expectRequest(reqs[1], 0x8BE1, "ra1", 0x8680, hexBytes("01000000" + body));
-    expectRequest(reqs[2], 0x8BE1, "rai3", 0x867E, hexBytes("01000000" + body));
-    expectRequest(reqs[3], 0x8BE1, "apclii0", 0x867E, hexBytes("08000000" + body));
+    expectRequest(reqs[0], 0x8BE1, "ra1", 0x867E, "01000000" + body);
+    expectRequest(reqs[1], 0x8BE1, "ra1", 0x8680, "01000000" + body);
+    expectRequest(reqs[2], 0x8BE1, "rai3", 0x867E, "01000000" + body);
+    expectRequest(reqs[3], 0x8BE1, "apclii0", 0x867E, "08000000" + body);
     // The probe request: ieLength 229, the last 26 bytes of the body stay zero.
     expectRequest(reqs[4], 0x8BE1, "apclii0", 0x867E,
-                  hexBytes("02000000 e5000000 025ea7 80 025ea7" + probeHex + zeros(26)));
+                  "02000000 e5000000 025ea7 80 025ea7" + probeHex + "00*26");
     EXPECT_TRUE(errors().empty());
 }
 
@@ -55,21 +55,22 @@ TEST_F(IeTest, ProbeResponseInstalledWithType2ThenType3) {
     rsp.deviceMac[0] = 0x42;
     rsp.dataLen = 128;
     auto record = [](const char* type) {
-        return "04000000 9c000000 025ea7" + std::string(type) + "025ea7" + type + zeros(17) + "42" +
-               zeros(5) + "80" + zeros(128 + 255 - 3 - 153);
+        return hexText("04000000 9c000000 025ea7" + std::string(type) + "025ea7" + type +
+                           "00*17 42 00*5 80",
+                       267);
     };
     EXPECT_EQ(0u, mesh_wlan_updateProbeRes(&rsp));
     auto reqs = fake().ioctls();
     ASSERT_EQ(2u, reqs.size());
-    expectRequest(reqs[0], 0x8BE1, "rai3", 0x867E, hexBytes(record("02")));
-    expectRequest(reqs[1], 0x8BE1, "rai3", 0x867E, hexBytes(record("03")));
+    expectRequest(reqs[0], 0x8BE1, "rai3", 0x867E, record("02"));
+    expectRequest(reqs[1], 0x8BE1, "rai3", 0x867E, record("03"));
     EXPECT_EQ(3, rsp.type);
 
     // The first refused: no second request, the caller's byte holds 2. The second refused:
     // both were tried, the failure is reported.
     for (int nth : {1, 2}) {
         fake().clearRecords();
-        fake().failNth(FakeOs::Op::Ioctl, "0x8BE1 rai3", nth, EPERM);
+        fake().failNth("ioctl 0x8BE1 rai3", nth, EPERM);
         EXPECT_EQ(1u, mesh_wlan_updateProbeRes(&rsp));
         EXPECT_EQ(size_t(nth), fake().ioctls().size());
         EXPECT_EQ(nth + 1, rsp.type);

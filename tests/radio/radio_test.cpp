@@ -119,11 +119,10 @@ TEST_F(RadioTest, LabelAndChildrenGoToTheDriverAsWholeRecords) {
     EXPECT_EQ(0u, mesh_wlan_delChild(child.data(), sta.data()));
     auto reqs = fake().ioctls();
     ASSERT_EQ(5u, reqs.size());
-    expectRequest(reqs[0], 0x8BF5, "rai3", 3, hexBytes(label));
-    expectRequest(reqs[1], 0x8BF5, "rai3", 1, Bytes(recBytes, recBytes + 280)); // unchanged
+    expectRequest(reqs[0], 0x8BF5, "rai3", 3, label);
+    expectRequest(reqs[1], 0x8BF5, "rai3", 1, toHex(recBytes, 280)); // unchanged
     for (size_t i = 2; i < 5; ++i) {
-        expectRequest(reqs[i], 0x8BF5, "rai3", 2,
-                      hexBytes("02aabbccddee" + std::string(2 * 274, '0')));
+        expectRequest(reqs[i], 0x8BF5, "rai3", 2, "02aabbccddee 00*274");
     }
     EXPECT_EQ((Lines{"iwpriv rai3 set DisConnectSta=00:00:00:00:00:00",
                      "iwpriv rai3 set DisConnectSta=0a:1b:2c:3d:4e:ff"}),

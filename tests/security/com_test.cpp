@@ -10,12 +10,6 @@
 
 namespace {
 
-// `spaced` (hex written by hand), then zero bytes up to `total` bytes.
-std::string zeroFilled(const std::string& spaced, size_t total) {
-    const std::string h = hexText(spaced);
-    return h + std::string(2 * total - h.size(), '0');
-}
-
 TEST(ComTest, EachMessageArrivesWholeAtItsSocketAndFailsAsDocumentedWithoutListener) {
     FakeOsScope scope;
     MESH_CONTROLLER_IP_PORT longest{};
@@ -31,18 +25,17 @@ TEST(ComTest, EachMessageArrivesWholeAtItsSocketAndFailsAsDocumentedWithoutListe
     };
     const Case cases[] = {
         {"usock/7.sock", [] { return static_cast<int>(mesh_com_notifyMeshState(4)); }, 0,
-         zeroFilled("5553434b 02000000 08100000 15000000 0d002800 04000000 04000000", 4120)},
+         hexText("5553434b 02000000 08100000 15000000 0d002800 04000000 04000000", 4120)},
         {"usock/22.sock", mesh_notifyScanDone, -1,
-         zeroFilled("5553434b 11000000 50030000 15000000 08000000 01000000", 864)},
+         hexText("5553434b 11000000 50030000 15000000 08000000 01000000", 864)},
         {"usock/22.sock", mesh_com_notifyIsolated, -1,
-         zeroFilled("5553434b 11000000 50030000 15000000 01000000 00000000", 864)},
+         hexText("5553434b 11000000 50030000 15000000 01000000 00000000", 864)},
         {"wrp.sock", [] { return static_cast<int>(mesh_com_setMeshStateToSchedule(2)); }, 0,
          hexText("57525051 15001d00 04000000 04000000 02000000")},
         {"wrp.sock", [&] { return static_cast<int>(mesh_com_setDestVintacId(&id)); }, 1,
-         zeroFilled("57525051 0f002800 28000000 00000000 63746c2d37", 52) + "03000000"},
+         hexText("57525051 0f002800 28000000 00000000 63746c2d37 00*31 03000000")},
         {"wrp.sock", [&] { return static_cast<int>(mesh_com_setControllerIpPort(&longest)); }, 1,
-         hexText("57525051 03002200 0c010000 00000000") + rep("61", 79) + zeros(181) +
-             hexText("44332211 bb010000")},
+         hexText("57525051 03002200 0c010000 00000000 61*79 00*181 44332211 bb010000")},
     };
     for (const Case& c : cases) {
         {

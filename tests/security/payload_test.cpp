@@ -28,21 +28,13 @@ class PayloadTest : public ::testing::Test {
     FakeOs& fake = scope.fake;
 };
 
-TEST_F(PayloadTest, BeaconAssociationRequestAndProbeResponseTemplate) {
-    auto beacon = noise<MESH_IE_BASIC>(), assoc = noise<MESH_IE_BASIC>();
-    auto rsp = noise<MESH_IE_PROBE_RSP>();
-    ASSERT_EQ(0u, mesh_payload_buildBeacon(kMac, &beacon));
+// (The beacon, the probe-response template and a child record without pairing data are
+// compared whole as the driver receives them in the mesh life test.)
+TEST_F(PayloadTest, AssociationRequest) {
+    auto assoc = noise<MESH_IE_BASIC>();
     ASSERT_EQ(0u, fillIntoAssocRequest(&assoc));
-    ASSERT_EQ(0u, mesh_payload_buildProbeRsp(kMac, &rsp));
-    EXPECT_EQ(hexText("02" + kLabel + "01 001122334455"), hexOf(beacon));
     EXPECT_EQ(hexText("02" + kLabel + "01 001122334455"), hexOf(assoc));
-    EXPECT_EQ(hexText("00" + kLabel + "01 001122334455 80" + zeros(128)), hexOf(rsp));
     EXPECT_EQ("", fake.takeStdout());
-
-    EXPECT_EQ(1u, fillIntoAssocRequest(nullptr));
-    EXPECT_EQ(Lines{"null pointer\n"}, errorTexts(fake.takeStdout()));
-    EXPECT_EQ(1u, mesh_payload_buildBeacon(nullptr, &beacon) &
-                      mesh_payload_buildProbeRsp(kMac, nullptr));
 }
 
 TEST_F(PayloadTest, ProbeRequestFromConfigurationAndKey) {
@@ -77,25 +69,16 @@ TEST_F(PayloadTest, ProbeRequestFromConfigurationAndKey) {
         ASSERT_EQ(0u, fillIntoProbeRequest(&req, static_cast<uint8_t>(flag)));
         EXPECT_EQ(want, req.flags) << "resetFlag " << resetFlag << " flag " << flag;
     }
-    EXPECT_EQ(1u, fillIntoProbeRequest(nullptr, 1));
 }
 
-TEST_F(PayloadTest, ChildRecordWithAndWithoutPairingData) {
-    const Bytes digest = hexBytes("0102030405060708090a0b0c0d0e0f10");
+TEST_F(PayloadTest, ChildRecordWithPairingData) {
     const uint8_t mac[6] = {0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f};
-    const std::string head = "0a0b0c0d0e0f 0102030405060708090a0b0c0d0e0f10";
+    const Bytes digest = hexBytes("0102030405060708090a0b0c0d0e0f10"), d1(128, 0x11), d2(128, 0x22);
     auto rec = noise<MESH_CHILD_RECORD>();
-    // A child not heard yet: lengths 0, zero blocks, still 280 bytes.
-    ASSERT_EQ(0u, mesh_payload_buildChildRecord(mac, digest.data(), 0, nullptr, 0, nullptr, &rec));
-    EXPECT_EQ(hexText(head + zeros(1 + 128 + 1 + 128)), hexOf(rec));
-    const Bytes d1(128, 0x11), d2(128, 0x22);
     ASSERT_EQ(0u, mesh_payload_buildChildRecord(mac, digest.data(), 128, d1.data(), 128, d2.data(),
                                                 &rec));
-    EXPECT_EQ(hexText(head + "80" + std::string(256, '1') + "80" + std::string(256, '2')),
+    EXPECT_EQ(hexText("0a0b0c0d0e0f 0102030405060708090a0b0c0d0e0f10 80 11*128 80 22*128"),
               hexOf(rec));
-    EXPECT_EQ(1u,
-              mesh_payload_buildChildRecord(nullptr, digest.data(), 0, nullptr, 0, nullptr, &rec));
-    EXPECT_EQ(1u, mesh_payload_buildChildRecord(mac, nullptr, 0, nullptr, 0, nullptr, &rec));
 }
 
 TEST_F(PayloadTest, PairingBlocks) {
@@ -106,8 +89,8 @@ TEST_F(PayloadTest, PairingBlocks) {
     addr.value2 = 0x12345678;
     auto blk = noise<MESH_PAIR_BLOCK_ADDR>();
     ASSERT_EQ(0u, mesh_payload_buildPairBlockAddr(secret.data(), &addr, &blk));
-    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 3139322e3136382e312e3130" + zeros(80 - 12) +
-                      "00001f90 12345678" + zeros(13)),
+    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 3139322e3136382e312e3130 00*68 00001f90 "
+                      "12345678 00*13"),
               hexOf(blk));
     // 79 characters keep their terminator at offset 95; a field of 80 characters without a
     // terminator is cut to the same 79.
@@ -118,15 +101,13 @@ TEST_F(PayloadTest, PairingBlocks) {
         EXPECT_EQ(std::string(79, 'x') + '\0', std::string(blk.ip, 80));
         EXPECT_EQ("00001f9012345678", toHex(blk.value1, 8));
     }
-    EXPECT_EQ(1u, mesh_payload_buildPairBlockAddr(secret.data(), nullptr, &blk));
 
     MESH_ORBP_CFG id{};
     strcpy(id.vintacId, "VT-01");
     id.verCap = 258;
     auto idBlk = noise<MESH_PAIR_BLOCK_ID>();
     ASSERT_EQ(0u, mesh_payload_buildPairBlockId(secret.data(), &id, &idBlk));
-    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 56542d3031" + zeros(33 - 5) + "00000102" +
-                      zeros(64)),
+    EXPECT_EQ(hexText("000102030405060708090a0b0c0d0e0f 56542d3031 00*28 00000102 00*64"),
               hexOf(idBlk));
     // The identity field goes over whole, bytes after a terminator included. (33 characters
     // without a terminator are checked with the child table's blocks.)

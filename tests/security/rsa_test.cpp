@@ -4,35 +4,9 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 namespace {
-
-// A temporary directory in which the test runs the `openssl` tool.
-class OpensslDir {
-  public:
-    OpensslDir() {
-        char tmpl[] = "/tmp/zormesh-openssl-XXXXXX";
-        dir_ = mkdtemp(tmpl) != nullptr ? tmpl : "/nonexistent";
-    }
-    ~OpensslDir() { std::system(("rm -rf '" + dir_ + "'").c_str()); }
-    // Runs `cmd` in the directory; true when it exited with 0.
-    bool run(const std::string& cmd) const {
-        return std::system(("cd '" + dir_ + "' && " + cmd + " 2>>stderr.txt").c_str()) == 0;
-    }
-    Bytes read(const std::string& name) const {
-        std::ifstream in(dir_ + "/" + name, std::ios::binary);
-        return Bytes(std::istreambuf_iterator<char>(in), {});
-    }
-    void write(const std::string& name, const Bytes& bytes) const {
-        std::ofstream(dir_ + "/" + name, std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
-    }
-
-  private:
-    std::string dir_;
-};
 
 Bytes block117(uint8_t seed) {
     Bytes b(MESH_RSA_PLAIN_LEN);
@@ -50,12 +24,23 @@ MESH_RSA_KEY publicOnly(const MESH_RSA_KEY& full) {
     return k;
 }
 
+// The `openssl` tool runs in the fake's root directory, where the test reads and writes its
+// files.
 class RsaTest : public ::testing::Test {
   protected:
     Lines errors() { return errorTexts(fake.takeStdout()); }
+    bool openssl(const std::string& cmd) {
+        return std::system(("cd '" + fake.rooted("") + "' && " + cmd).c_str()) == 0;
+    }
+    Bytes read(const std::string& name) {
+        const std::string text = fake.readFile("/" + name);
+        return Bytes(text.begin(), text.end());
+    }
+    void write(const std::string& name, const Bytes& b) {
+        fake.writeFile("/" + name, std::string(b.begin(), b.end()));
+    }
     FakeOsScope scope;
     FakeOs& fake = scope.fake;
-    OpensslDir dir;
 };
 
 TEST_F(RsaTest, OneFixedNodeKeyAndOpensslEncryptsUnderItForNAndDAlone) {
@@ -69,17 +54,16 @@ TEST_F(RsaTest, OneFixedNodeKeyAndOpensslEncryptsUnderItForNAndDAlone) {
     EXPECT_EQ(128u, nLen);
     EXPECT_NE(0, ours.modulus[0] & 0x80) << "a full 1024-bit n";
     EXPECT_EQ("010001", toHex(ours.publicExponent, 3));
-    EXPECT_EQ(1u, mesh_common_rsa_getSingleton(nullptr) & mesh_common_rsa_generateKey(nullptr));
 
     // n and e = 65537 as a DER SubjectPublicKeyInfo: the fixed header of a 1024-bit RSA key, a
     // sign byte, n, then e.
-    dir.write("pub.der", hexBytes("30819f300d06092a864886f70d010101050003818d0030818902818100" +
-                                  toHex(ours.modulus, 128) + "0203010001"));
+    write("pub.der", hexBytes("30819f300d06092a864886f70d010101050003818d0030818902818100" +
+                              toHex(ours.modulus, 128) + "0203010001"));
     const Bytes plain = block117(0x80);
-    dir.write("pt.bin", plain);
-    ASSERT_TRUE(dir.run("openssl pkeyutl -encrypt -pubin -keyform DER -inkey pub.der"
+    write("pt.bin", plain);
+    ASSERT_TRUE(openssl("openssl pkeyutl -encrypt -pubin -keyform DER -inkey pub.der"
                         " -pkeyopt rsa_padding_mode:pkcs1 -in pt.bin -out ct.bin"));
-    const Bytes cipher = dir.read("ct.bin");
+    const Bytes cipher = read("ct.bin");
     ASSERT_EQ(MESH_RSA_CIPHER_LEN, cipher.size());
     memset(ours.publicExponent, 0, sizeof ours.publicExponent); // e is not even consulted
     Bytes back(MESH_RSA_PLAIN_LEN, 0);
@@ -90,9 +74,9 @@ TEST_F(RsaTest, OneFixedNodeKeyAndOpensslEncryptsUnderItForNAndDAlone) {
 
 TEST_F(RsaTest, BlockEncryptedUnderAnOpensslKeysModulusDecryptsWithOpensslPkeyutl) {
     // An openssl key; its integers (version, n, e, d, ...) one per line, as hex.
-    ASSERT_TRUE(dir.run("openssl genrsa -traditional -out key.pem 1024 && openssl asn1parse"
+    ASSERT_TRUE(openssl("openssl genrsa -traditional -out key.pem 1024 && openssl asn1parse"
                         " -in key.pem | awk -F: '/INTEGER/{print $NF}' >ints.txt"));
-    const Bytes text = dir.read("ints.txt");
+    const Bytes text = read("ints.txt");
     std::istringstream ints(std::string(text.begin(), text.end()));
     std::string version, n, e, d;
     ints >> version >> n >> e >> d;
@@ -109,10 +93,10 @@ TEST_F(RsaTest, BlockEncryptedUnderAnOpensslKeysModulusDecryptsWithOpensslPkeyut
     MESH_RSA_KEY pub = publicOnly(theirs);
     Bytes cipher(MESH_RSA_CIPHER_LEN);
     ASSERT_EQ(0u, mesh_common_rsa_encrypt(&pub, cipher.data(), plain.data()));
-    dir.write("ct.bin", cipher);
-    ASSERT_TRUE(dir.run("openssl pkeyutl -decrypt -inkey key.pem -pkeyopt rsa_padding_mode:pkcs1"
+    write("ct.bin", cipher);
+    ASSERT_TRUE(openssl("openssl pkeyutl -decrypt -inkey key.pem -pkeyopt rsa_padding_mode:pkcs1"
                         " -in ct.bin -out pt.bin"));
-    EXPECT_EQ(plain, dir.read("pt.bin"));
+    EXPECT_EQ(plain, read("pt.bin"));
     // The openssl key's own n and d decrypt the same block here too.
     Bytes back(MESH_RSA_PLAIN_LEN, 0);
     ASSERT_EQ(0u, mesh_common_rsa_decrypt(&theirs, back.data(), cipher.data()));

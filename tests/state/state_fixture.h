@@ -1,12 +1,12 @@
-// The one fixture of the state module's tests: the fake board with the bridge br0 (index 7),
+// The one fixture of the state module's tests: the adapter's fixture (the fake board, the
+// adapter started, the other modules fresh, the event log open) with the bridge br0 (index 7),
 // the mesh station interface apclii0 (index 12) and hosts on the bridge that answer ARP
 // requests for their address. The module's threads run for real on the fake clock: the tests
 // move the clock and each thread runs the ticks that fall into that time.
 #pragma once
 
-#include "test_util.h"
+#include "../wlan/wlan_fixture.h"
 
-#include "core/mesh_log.h"
 #include "platform/byteorder.h"
 #include "state/mesh_link.h"
 #include "state/mesh_netchk.h"
@@ -26,6 +26,7 @@ const Bytes kGwMac = hexBytes("0a1b2c3d4e5f");
 const Bytes kHostMac = hexBytes("00667788 99aa");
 constexpr const char* kCount = MESH_CONFIG_COUNT_PATH;
 constexpr const char* kLoop = MESH_LOOP_STATUS_PATH;
+const std::string kCountWrite = std::string("proc-write ") + kCount;
 
 inline std::string ipHex(uint32_t ip) {
     char s[9];
@@ -43,19 +44,19 @@ inline NETCHK_CONFIG config(uint32_t targetSet = 0, uint32_t target = 0) {
     return NETCHK_CONFIG{1, targetSet, target, kGateway, kDevice, 0xFFFFFF00, 0};
 }
 
-class StateTest : public ::testing::Test {
+class StateTest : public WlanTest {
   protected:
     void SetUp() override {
+        WlanTest::SetUp();
         mesh_state_resetModule();
         mesh_netChk_resetModule();
-        mesh_wlan_resetForTest();
-        fake.setIfIndex("br0", 7);
-        fake.setIfIndex("apclii0", 12);
+        fake().setIfIndex("br0", 7);
+        fake().setIfIndex("apclii0", 12);
         hosts[kGateway] = kGwMac;
-        fake.onPacketSend([this](const FakeOs::Packet& p) {
+        fake().onPacketSend([this](const FakeOs::Packet& p) {
             const uint32_t asked = get_be32(&p.frame[38]);
             if (answering && hosts.count(asked) != 0) {
-                fake.queuePacket(arp(hosts[asked], asked, kOwnMac, kDevice));
+                fake().queuePacket(arp(hosts[asked], asked, kOwnMac, kDevice));
             }
         });
     }
@@ -64,46 +65,46 @@ class StateTest : public ::testing::Test {
         stop();
         mesh_netChk_resetModule();
         mesh_state_resetModule();
-        if (g_meshLog != nullptr) {
-            fclose(g_meshLog);
-            g_meshLog = nullptr;
-        }
+        WlanTest::TearDown();
     }
     // Starts the network check with a kernel counter that stands at 100; returns when the
     // thread's first tick (a probe) is over or waits for an answer. Records start with it.
     void start(const NETCHK_CONFIG& cfg) {
-        fake.setProc(kCount, "100");
-        fake.clearRecords();
+        fake().setProc(kCount, "100");
+        fake().clearRecords();
         ASSERT_EQ(0u, mesh_netChk_init(&cfg, kOwnMac.data(), "pon0"));
-        ASSERT_TRUE(fake.settle(1));
+        ASSERT_TRUE(fake().settle(1));
     }
     // Stops the check; returns when its thread has woken from its sleep and ended.
     void stop() {
         EXPECT_EQ(0u, mesh_netChk_destroy());
-        fake.advanceSeconds(1);
-        EXPECT_TRUE(fake.settle(0));
+        fake().advanceSeconds(1);
+        EXPECT_TRUE(fake().settle(0));
     }
-    void tick(int n = 1) { fake.advanceSeconds(static_cast<uint32_t>(n)); } // n seconds
-    // The lines written to the kernel, each checked for its one terminating NUL.
+    void tick(int n = 1) { fake().advanceSeconds(static_cast<uint32_t>(n)); } // n seconds
+    // The lines written to the kernel counter file, each checked for its one terminating NUL.
     Lines lines() {
         Lines out;
-        for (const auto& w : fake.procWrites()) {
-            const std::string s(w.bytes.begin(), w.bytes.end());
-            EXPECT_EQ(kCount, w.path);
-            EXPECT_EQ(s.size() - 1, s.find('\0')) << s;
-            out.push_back(s.substr(0, s.size() - 1));
+        for (const std::string& w : fake().transcriptOf(kCountWrite + " ")) {
+            EXPECT_EQ(w.size() - 4, w.find("\\x")) << w;
+            out.push_back(w.substr(0, w.size() - 4));
         }
         return out;
     }
-    size_t arps() { return fake.packetsSent().size(); }
+    // The frames sent, as hex, each checked to go out on the bridge as ARP.
+    Lines frames() {
+        Lines out = fake().transcriptOf("packet-send ");
+        for (std::string& f : out) {
+            EXPECT_EQ("7 0x0806 ", f.substr(0, 9));
+            f.erase(0, 9);
+        }
+        return out;
+    }
+    size_t arps() { return frames().size(); }
     size_t reads(const std::string& path) {
-        const Lines r = fake.procReads();
+        const Lines r = fake().procReads();
         return static_cast<size_t>(std::count(r.begin(), r.end(), path));
     }
-    Lines errors() { return errorTexts(fake.takeStdout()); }
-
-    FakeOsScope scope;
-    FakeOs& fake = scope.fake;
     std::map<uint32_t, Bytes> hosts; // who answers ARP requests on the bridge
     bool answering = true;
 };

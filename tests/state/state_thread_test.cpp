@@ -4,15 +4,10 @@
 #include "state_fixture.h"
 
 #include "core/mesh_config.h"
-#include "core/mesh_main.h"
 #include "core/mesh_msg.h"
-#include "platform/unix_sock.h"
 #include "security/mesh_parent.h"
 #include "security/mesh_payload.h"
 #include "security/mesh_rsa.h"
-
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -25,38 +20,30 @@ class StateThread : public StateTest {
   protected:
     void SetUp() override {
         StateTest::SetUp();
-        ASSERT_EQ(0u, mesh_api_init());
-        mesh_config_reset();
         g_allConfig.controllerIpPort = kController; // the parent's: nothing to hand on
-        mesh_parentHandler_resetModule();
-        ASSERT_EQ(0, mesh_log_open());
-        fake.onIoctl(RTPRIV_IOCTL_MESH, [this](FakeOs::Ioctl& io) {
+        fake().onIoctl(RTPRIV_IOCTL_MESH, [this](FakeOs::Ioctl& io) {
             if (io.flags == MESH_SUBCMD_GET_STA_STATUS) {
                 memcpy(io.data, &associated, sizeof associated);
             }
             return 0;
         });
-        fake.setProc(GPON_LINKSTATE_PATH, "1"); // the wired uplink is up
-        fake.setProc(GPON_STATE_PATH, "5");
-        fake.setProc(kLoop, "0");
+        fake().setProc(GPON_LINKSTATE_PATH, "1"); // the wired uplink is up
+        fake().setProc(GPON_STATE_PATH, "5");
+        fake().setProc(kLoop, "0");
         orb("0");
         answering = false;
-    }
-    void TearDown() override {
-        StateTest::TearDown();
-        mesh_parentHandler_resetModule();
     }
     // Both threads; the state thread ticks half a second after the network check, so it
     // always sees the check's latest result.
     void run(uint32_t dfsFlag = 0, uint32_t country = 0) {
         start(config());
-        fake.advanceMillis(500);
+        fake().advanceMillis(500);
         mesh_state_setEnable(1);
         ASSERT_EQ(0u, mesh_state_init("pon0", country, dfsFlag));
-        ASSERT_TRUE(fake.settle(2));
+        ASSERT_TRUE(fake().settle(2));
         events();
     }
-    void orb(const char* value) { fake.writeFile(ORB_STATE_PATH, value); }
+    void orb(const char* value) { fake().writeFile(ORB_STATE_PATH, value); }
     bool until(uint32_t target, int limit) { // within `limit` seconds
         for (int s = 0; s < limit && getMeshState() != target; ++s) {
             tick();
@@ -84,25 +71,20 @@ class StateThread : public StateTest {
                                               reinterpret_cast<const uint8_t*>(&block)));
         handleNetlinkParent(&info);
     }
-    Lines events() { // the event-log texts since the last call
-        Lines all = eventTexts(fake.readFile(MESH_LOG_PATH));
-        return Lines(all.begin() + static_cast<long>(std::exchange(seen, all.size())), all.end());
-    }
     size_t count(const char* line) {
-        const Lines l = fake.shellLines();
+        const Lines l = fake().shellLines();
         return static_cast<size_t>(std::count(l.begin(), l.end(), line));
     }
 
     uint32_t associated = 0;
-    size_t seen = 0;
 };
 
 TEST_F(StateThread, LosesTheUplinkSearchesAndTimesOutConnecting) {
     run(1, 276);
     tick(30);
-    fake.setProc(GPON_LINKSTATE_PATH, "0");
+    fake().setProc(GPON_LINKSTATE_PATH, "0");
     tick();
-    fake.setProc(GPON_LINKSTATE_PATH, "1");
+    fake().setProc(GPON_LINKSTATE_PATH, "1");
     const size_t probes = arps();
     tick(2); // the uplink came up: the network check probes on its next tick
     EXPECT_EQ(probes + 1, arps());
@@ -167,7 +149,7 @@ TEST_F(StateThread, EachRuleFromItsState) {
         associated = r.associated;
         orb(r.orb);
         answering = r.answering;
-        fake.setProc(kLoop, r.loop);
+        fake().setProc(kLoop, r.loop);
         EXPECT_TRUE(until(r.target, 65));
         const Lines ev = events();
         EXPECT_EQ(1, std::count(ev.begin(), ev.end(),
@@ -175,32 +157,17 @@ TEST_F(StateThread, EachRuleFromItsState) {
                                     ",caused by " + r.cause));
         TearDown(); // the next row starts from a fresh process
         associated = 0;
-        seen = 0;
         SetUp();
     }
 }
 
-// The command thread serves state queries and a rescan request while both threads tick.
+// State queries and a rescan request served while both threads tick.
 TEST_F(StateThread, CommandsWhileTheThreadsRun) {
-    UNIX_SOCK_SRV_CTX srv{};
-    ASSERT_EQ(0, unix_sock_initSrv(MESH_CMD_SRV_ID, &srv, MESH_CMD_SRV_BACKLOG));
-    constexpr int kCommands = 11;
-    std::thread server([&] {
-        for (int i = 0; i < kCommands; ++i) {
-            mesh_receive_cmd(srv.listenFd);
-        }
-    });
-    auto command = [&](MESH_CMD_TYPE type, uint32_t word) { // the reply's first payload word
+    auto command = [](MESH_CMD_TYPE type, uint32_t word) { // the reply's first payload word
         MESH_CMD_MSG msg{};
         msg.type = type;
         memcpy(msg.payload, &word, sizeof word);
-        const int fd = unix_sock_connectPath(fake.rooted("/var/run/usock/21.sock").c_str());
-        int32_t len = 0;
-        EXPECT_EQ(0, unix_sock_sendHeader(fd, sizeof msg, MESH_CMD_MSG_CODE));
-        EXPECT_EQ(0, unix_sock_sendData(fd, &msg, sizeof msg));
-        EXPECT_EQ(0, unix_sock_recvHeader(fd, MESH_CMD_MSG_CODE, &len));
-        EXPECT_EQ(0, unix_sock_recvData(fd, len, &msg));
-        close(fd);
+        EXPECT_EQ(0u, mesh_cmd_handle(&msg));
         memcpy(&word, msg.payload, sizeof word);
         return word;
     };
@@ -208,13 +175,11 @@ TEST_F(StateThread, CommandsWhileTheThreadsRun) {
     isolate();
     join();
     std::string states;
-    for (int i = 0; i < kCommands; ++i) {
+    for (int i = 0; i < 11; ++i) {
         states += std::to_string(i == 2 ? command(MESH_CMD_REQUEST_RESCAN, 1)
                                         : command(MESH_CMD_GET_MESH_STATE, 0));
         tick();
     }
-    server.join();
-    close(srv.listenFd);
     // The request is taken on the next tick; the move comes 5 s later and marks the
     // management state unknown.
     EXPECT_EQ("22"
@@ -222,7 +187,7 @@ TEST_F(StateThread, CommandsWhileTheThreadsRun) {
               "22222"
               "444",
               states);
-    EXPECT_EQ("7\n", fake.readFile(ORB_STATE_PATH));
+    EXPECT_EQ("7\n", fake().readFile(ORB_STATE_PATH));
     EXPECT_EQ(60u, g_netChkTimeout);
 
     mesh_state_setEnable(0); // disabled: the state is kept while the thread idles
@@ -257,13 +222,13 @@ TEST_F(StateThread, MovesAndTheirChecks) {
     ASSERT_EQ(0u, moveToState(MESH_STATE_ISOLATED, MESH_STATE_MESH));
     EXPECT_EQ(99u, g_netChkTimeout);
 
-    fake.takeStdout();
-    fake.clearRecords();
+    fake().takeStdout();
+    fake().clearRecords();
     setMeshState(MESH_STATE_NORMAL);
     EXPECT_EQ(1u, moveToState(MESH_STATE_NORMAL, MESH_STATE_MESH));
     EXPECT_EQ(1u, moveToState(MESH_STATE_MESH, MESH_STATE_ISOLATED));
     EXPECT_EQ(1u, moveToState(MESH_STATE_NORMAL, 3));
-    EXPECT_EQ(Lines{}, fake.shellLines());
+    EXPECT_EQ(Lines{}, fake().shellLines());
     mesh_wlan_resetForTest(); // no backhaul interface: its switch fails, the state stays
     EXPECT_EQ(1u, moveToState(MESH_STATE_NORMAL, MESH_STATE_ISOLATED));
     EXPECT_EQ(MESH_STATE_NORMAL, getMeshState());
@@ -273,15 +238,14 @@ TEST_F(StateThread, MovesAndTheirChecks) {
 
     // One thread, ever: a second init records its values and starts nothing; a thread that
     // is not enabled only sleeps.
-    EXPECT_EQ(1u, mesh_state_init(nullptr, 0, 0));
     ASSERT_EQ(0u, mesh_state_init("pon0", 250, 0));
     ASSERT_EQ(0u, mesh_state_init("wan1", 276, 1));
-    ASSERT_TRUE(fake.settle(1));
+    ASSERT_TRUE(fake().settle(1));
     EXPECT_EQ("wan1 276 1", std::string(getLanIfName()) + " " + std::to_string(getCountryCode()) +
                                 " " + std::to_string(getDfsFlag()));
-    fake.clearRecords();
+    fake().clearRecords();
     tick(5);
-    EXPECT_EQ(Lines{}, fake.transcript());
+    EXPECT_EQ(Lines{}, fake().transcript());
 }
 
 } // namespace

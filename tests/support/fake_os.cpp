@@ -9,31 +9,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <sys/sem.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
-
-void mkdirs(const std::string& path) {
-    for (size_t i = 1; i <= path.size(); ++i) {
-        if (i == path.size() || path[i] == '/') {
-            mkdir(path.substr(0, i).c_str(), 0755);
-        }
-    }
-}
-
-void removeTree(const std::string& path) {
-    if (path.size() < 8 || path.find("/zormesh-fake-") == std::string::npos) {
-        return; // never remove anything the fake did not create
-    }
-    std::string cmd = "rm -rf '" + path + "'";
-    if (std::system(cmd.c_str()) != 0) {
-        fprintf(stderr, "fake: could not remove %s\n", path.c_str());
-    }
-}
 
 bool isIfreqRequest(unsigned long request) {
     return request == SIOCGIFFLAGS || request == SIOCGIFINDEX;
@@ -85,8 +67,8 @@ FakeOs::FakeOs() : device_(defaultDeviceConfig()), owner_(std::this_thread::get_
         abort();
     }
     root_ = dir;
-    mkdirs(root_ + "/tmp/wireless");
-    mkdirs(root_ + "/var/run");
+    std::filesystem::create_directories(root_ + "/tmp/wireless");
+    std::filesystem::create_directories(root_ + "/var/run");
     // A semaphore key of our own, so that tests never touch the device's profile lock.
     static int instance = 0;
     semKey_ = 0x5A000000u | (static_cast<uint32_t>(getpid() & 0xFFFF) << 8) |
@@ -105,10 +87,12 @@ FakeOs::~FakeOs() {
             abort();
         }
     }
-    for (int id : semIds_) {
-        semctl(id, 0, IPC_RMID);
+    const int sem = semget(static_cast<key_t>(semKey_), 0, 0);
+    if (sem >= 0) {
+        semctl(sem, 0, IPC_RMID);
     }
-    removeTree(root_);
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
 }
 
 // ---- scripting ------------------------------------------------------------------------------
@@ -138,11 +122,6 @@ void FakeOs::removeProc(const std::string& path) {
     proc_.erase(path);
 }
 
-void FakeOs::queueRandom(const Bytes& bytes) {
-    std::lock_guard<std::mutex> g(mu_);
-    random_.insert(random_.end(), bytes.begin(), bytes.end());
-}
-
 void FakeOs::setIfIndex(const std::string& ifName, int index) {
     std::lock_guard<std::mutex> g(mu_);
     ifIndex_[ifName] = index;
@@ -166,9 +145,9 @@ void FakeOs::queueNetlink(const Bytes& message) {
     netlinkCv_.notify_all();
 }
 
-int FakeOs::failNth(Op op, const std::string& match, int nth, int err) {
+int FakeOs::failNth(const std::string& prefix, int nth, int err) {
     std::lock_guard<std::mutex> g(mu_);
-    failRules_.push_back(FailRule{op, match, nth, err, 0, false});
+    failRules_.push_back(FailRule{prefix, nth, err, 0, false});
     return static_cast<int>(failRules_.size()) - 1;
 }
 
@@ -178,28 +157,18 @@ bool FakeOs::fired(int handle) const {
            failRules_[static_cast<size_t>(handle)].fired;
 }
 
-int FakeOs::checkFail(Op op, const std::string& key) {
-    // Every matching rule counts every call, so that "the Nth call" means the same whatever
-    // other rules exist; when several fire on one call, the first one's error is used.
+bool FakeOs::failing(const std::string& line) {
+    transcript_.push_back(line);
+    // Every matching rule counts every operation, so that "the Nth" means the same whatever
+    // other rules exist; when several fire at once, the first one's error is used.
     int err = 0;
     for (FailRule& r : failRules_) {
-        if (r.op != op || r.fired || key.find(r.match) == std::string::npos) {
-            continue;
-        }
-        if (++r.seen == r.nth) {
+        if (!r.fired && line.compare(0, r.prefix.size(), r.prefix) == 0 && ++r.seen == r.nth) {
             r.fired = true;
             err = err != 0 ? err : r.err;
         }
     }
-    return err;
-}
-
-bool FakeOs::failing(const std::string& line, Op op, const std::string& key) {
-    transcript_.push_back(line);
-    const int err = checkFail(op, key);
-    if (err != 0) {
-        errno = err;
-    }
+    errno = err != 0 ? err : errno;
     return err != 0;
 }
 
@@ -324,8 +293,6 @@ void FakeOs::clearRecords() {
     std::lock_guard<std::mutex> g(mu_);
     transcript_.clear();
     ioctls_.clear();
-    procWrites_.clear();
-    packets_.clear();
     stdout_.clear();
     stderr_.clear();
 }
@@ -350,7 +317,7 @@ std::string FakeOs::readFile(const std::string& fixed) {
 
 void FakeOs::writeFile(const std::string& fixed, const std::string& content) {
     std::string p = rooted(fixed);
-    mkdirs(p.substr(0, p.rfind('/')));
+    std::filesystem::create_directories(p.substr(0, p.rfind('/')));
     std::ofstream out(p, std::ios::binary | std::ios::trunc);
     out << content;
 }
@@ -405,42 +372,38 @@ int FakeOs::readProc(const char* path, void* buf, size_t max) {
 
 int FakeOs::writeProc(const char* path, const void* buf, size_t len) {
     std::lock_guard<std::mutex> g(mu_);
-    const auto* p = static_cast<const uint8_t*>(buf);
-    procWrites_.push_back(ProcWrite{path, Bytes(p, p + len)});
-    if (failing(std::string("proc-write ") + path + " " + printable(buf, len), Op::ProcWrite,
-                path)) {
+    if (failing(std::string("proc-write ") + path + " " + printable(buf, len))) {
         return errno == ENOENT ? -1 : -2;
     }
     return 0;
 }
 
+// A counting pattern: every run sees the same bytes.
 int FakeOs::readRandom(void* buf, size_t len) {
     std::lock_guard<std::mutex> g(mu_);
-    if (failing("random " + std::to_string(len), Op::Random)) {
+    if (failing("random " + std::to_string(len))) {
         return -1;
     }
     auto* p = static_cast<uint8_t*>(buf);
     for (size_t i = 0; i < len; ++i) {
-        if (!random_.empty()) {
-            p[i] = random_.front();
-            random_.pop_front();
-        } else {
-            p[i] = randomCounter_++;
-        }
+        p[i] = randomCounter_++;
     }
     return static_cast<int>(len);
 }
 
 // ---- Os: wireless ioctls -------------------------------------------------------------------
 
-int FakeOs::wlanSocket() {
+int FakeOs::newFd(const std::string& line) {
     std::lock_guard<std::mutex> g(mu_);
-    if (failing("wlan-socket", Op::WlanSocket)) {
+    if (failing(line)) {
         return -1;
     }
-    int fd = nextFd_++;
-    fds_.insert(fd);
-    return fd;
+    fds_.insert(nextFd_);
+    return nextFd_++;
+}
+
+int FakeOs::wlanSocket() {
+    return newFd("wlan-socket");
 }
 
 int FakeOs::wlanIoctl(int fd, unsigned long request, void* arg) {
@@ -472,7 +435,7 @@ int FakeOs::wlanIoctl(int fd, unsigned long request, void* arg) {
             errno = EBADF;
             return -1;
         }
-        if (failing(line, Op::Ioctl, hexReq(request) + " " + call.ifName)) {
+        if (failing(line)) {
             return -1;
         }
         auto it = ioctlHandlers_.find(request);
@@ -500,11 +463,7 @@ int FakeOs::wlanIoctl(int fd, unsigned long request, void* arg) {
 // ---- Os: netlink ------------------------------------------------------------------------------
 
 int FakeOs::netlinkOpen(int protocol) {
-    std::lock_guard<std::mutex> g(mu_);
-    transcript_.push_back("netlink-open " + std::to_string(protocol));
-    int fd = nextFd_++;
-    fds_.insert(fd);
-    return fd;
+    return newFd("netlink-open " + std::to_string(protocol));
 }
 
 int FakeOs::netlinkBind(int fd, uint32_t portId) {
@@ -527,35 +486,27 @@ int FakeOs::netlinkRecv(int /*fd*/, void* buf, size_t max) {
         clockCv_.notify_all();
     }
     netlinkCv_.wait(g, [this] { return !rxNetlink_.empty(); });
-    if (int err = checkFail(Op::NetlinkRecv, "")) {
-        errno = err;
-        return -1;
+    const Bytes m = rxNetlink_.front();
+    const size_t n = std::min(max, m.size());
+    if (failing("netlink-recv " + toHex(m.data(), n))) {
+        return -1; // the message stays queued
     }
-    Bytes m = rxNetlink_.front();
     rxNetlink_.pop_front();
-    size_t n = std::min(max, m.size());
     memcpy(buf, m.data(), n);
-    transcript_.push_back("netlink-recv " + toHex(m.data(), n));
     return static_cast<int>(n);
 }
 
 // ---- Os: packet sockets -----------------------------------------------------------------------
 
 int FakeOs::packetOpen(uint16_t etherType) {
-    std::lock_guard<std::mutex> g(mu_);
     char b[32];
     snprintf(b, sizeof b, "packet-open 0x%04x", etherType);
-    if (failing(b, Op::PacketOpen)) {
-        return -1;
-    }
-    int fd = nextFd_++;
-    fds_.insert(fd);
-    return fd;
+    return newFd(b);
 }
 
 int FakeOs::packetIfIndex(int /*fd*/, const char* ifName) {
     std::lock_guard<std::mutex> g(mu_);
-    if (failing(std::string("packet-ifindex ") + ifName, Op::PacketIfIndex, ifName)) {
+    if (failing(std::string("packet-ifindex ") + ifName)) {
         return -1;
     }
     auto it = ifIndex_.find(ifName);
@@ -572,11 +523,9 @@ int FakeOs::packetSend(int /*fd*/, int ifIndex, uint16_t protocol, const void* f
                Bytes(static_cast<const uint8_t*>(frame), static_cast<const uint8_t*>(frame) + len)};
     {
         std::lock_guard<std::mutex> g(mu_);
-        packets_.push_back(pkt);
         char proto[16];
         snprintf(proto, sizeof proto, " 0x%04x ", protocol);
-        if (failing("packet-send " + std::to_string(ifIndex) + proto + toHex(frame, len),
-                    Op::PacketSend)) {
+        if (failing("packet-send " + std::to_string(ifIndex) + proto + toHex(frame, len))) {
             return -1;
         }
         hook = packetHook_;
@@ -589,8 +538,7 @@ int FakeOs::packetSend(int /*fd*/, int ifIndex, uint16_t protocol, const void* f
 
 int FakeOs::packetWait(int /*fd*/, int timeoutMs) {
     std::unique_lock<std::mutex> g(mu_);
-    if (int err = checkFail(Op::PacketWait, "")) {
-        errno = err;
+    if (failing("packet-wait " + std::to_string(timeoutMs))) {
         return -1;
     }
     if (rxPackets_.empty() && timeoutMs > 0) {
@@ -601,8 +549,7 @@ int FakeOs::packetWait(int /*fd*/, int timeoutMs) {
 
 int FakeOs::packetRecv(int /*fd*/, void* buf, size_t max) {
     std::lock_guard<std::mutex> g(mu_);
-    if (int err = checkFail(Op::PacketRecv, "")) {
-        errno = err;
+    if (failing("packet-recv")) {
         return -1;
     }
     if (rxPackets_.empty()) {
@@ -629,20 +576,16 @@ uint32_t FakeOs::semKey() {
 
 int FakeOs::semGet(uint32_t key, int nsems, int flags) {
     std::lock_guard<std::mutex> g(mu_);
-    if (failing("sem-get", Op::SemGet)) {
+    if (failing("sem-get")) {
         return -1;
     }
-    int id = semget(static_cast<key_t>(key), nsems, flags);
-    if (id >= 0 && key == semKey_) {
-        semIds_.push_back(id);
-    }
-    return id;
+    return semget(static_cast<key_t>(key), nsems, flags);
 }
 
 int FakeOs::semSetVal(int id, int num, int value) {
     {
         std::lock_guard<std::mutex> g(mu_);
-        if (failing("sem-setval " + std::to_string(value), Op::SemSetVal)) {
+        if (failing("sem-setval " + std::to_string(value))) {
             return -1;
         }
     }
@@ -656,7 +599,7 @@ int FakeOs::semRemove(int id) {
 int FakeOs::semOp(int id, struct sembuf* ops, size_t nops) {
     {
         std::lock_guard<std::mutex> g(mu_);
-        if (failing("sem-op " + std::to_string(nops > 0 ? ops[0].sem_op : 0), Op::SemOp)) {
+        if (failing("sem-op " + std::to_string(nops > 0 ? ops[0].sem_op : 0))) {
             return -1;
         }
     }

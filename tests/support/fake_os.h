@@ -6,10 +6,10 @@
 // runForReal() run through the real /bin/sh, semaphores are real System V semaphores
 // under a key of the fake's own.
 //
-// Every operation is recorded, in order, in a transcript of one line per operation, and
-// in typed records (shell lines, ioctls, kernel-file accesses, packets) that tests assert
-// exactly. Replies are scripted per operation group; failNth() makes the Nth matching
-// call of a group fail and tells afterwards whether it fired.
+// Every operation is recorded, in order, in a transcript of one line per operation (ioctls also
+// as typed records) that tests assert exactly. Replies are scripted per kind of
+// operation; failNth() makes the Nth operation whose transcript line starts with a given text
+// fail, and tells afterwards whether it did.
 //
 // The clock is virtual. A sleep (and a packet wait that finds nothing to read) on the thread
 // that created the fake moves the clock itself. On any other thread it blocks until the test
@@ -43,23 +43,6 @@ using hex::toHex;
 
 class FakeOs : public Os {
   public:
-    // The operation groups whose calls failNth() can make fail.
-    enum class Op {
-        ProcWrite,
-        Random,
-        WlanSocket,
-        Ioctl,
-        NetlinkRecv,
-        PacketOpen,
-        PacketIfIndex,
-        PacketSend,
-        PacketWait,
-        PacketRecv,
-        SemGet,
-        SemSetVal,
-        SemOp,
-    };
-
     // A wireless request as the driver sees it. `data` points at the payload the iw_point
     // descriptor designates (null for ifreq requests); a handler may write into it and
     // change `length`, exactly as the driver does.
@@ -77,10 +60,6 @@ class FakeOs : public Os {
         uint16_t flags;
         uint16_t length;
         Bytes payload;
-    };
-    struct ProcWrite {
-        std::string path;
-        Bytes bytes;
     };
     struct Packet {
         int ifIndex;
@@ -104,18 +83,17 @@ class FakeOs : public Os {
     // Contents of a kernel file; a file never set does not exist (ENOENT).
     void setProc(const std::string& path, const std::string& content);
     void removeProc(const std::string& path);
-    // Bytes that readRandom hands out next (afterwards: a counting pattern).
-    void queueRandom(const Bytes& bytes);
     // Interface indexes known to SIOCGIFINDEX on packet sockets.
     void setIfIndex(const std::string& ifName, int index);
     // Called for every frame sent on a packet socket (may queue replies).
     void onPacketSend(std::function<void(const Packet&)> fn);
     void queuePacket(const Bytes& frame);
     void queueNetlink(const Bytes& message);
-    // Makes the Nth (from 1) call of group `op` whose key contains `match`, counted from now,
-    // fail with `err`. Rules count independently of each other. Returns a handle for fired(). Keys:
-    // proc path, ioctl "0xNNNN ifname", packet interface name; others: "" (match everything).
-    int failNth(Op op, const std::string& match, int nth, int err);
+    // Makes the Nth (from 1) operation, counted from now, whose transcript line starts with
+    // `prefix` ("ioctl 0x8BF5 rai3", "proc-write /proc/mesh/config_count", "sem-op",
+    // "packet-wait") fail with `err`. Rules count independently of each other. Returns a handle
+    // for fired().
+    int failNth(const std::string& prefix, int nth, int err);
     bool fired(int handle) const;
 
     DeviceConfig& device() { return device_; }
@@ -142,8 +120,6 @@ class FakeOs : public Os {
     std::vector<std::string> procReads() const { return transcriptOf("proc-read "); }
     std::vector<IoctlRecord> ioctls() const { return locked(ioctls_); }
     std::vector<IoctlRecord> ioctls(unsigned long request) const;
-    std::vector<ProcWrite> procWrites() const { return locked(procWrites_); }
-    std::vector<Packet> packetsSent() const { return locked(packets_); }
     void clearRecords();
     std::string takeStdout();
     std::string stdoutText() const { return locked(stdout_); }
@@ -189,17 +165,14 @@ class FakeOs : public Os {
 
   private:
     struct FailRule {
-        Op op;
-        std::string match;
-        int nth;
-        int err;
-        int seen;
+        std::string prefix;
+        int nth, err, seen;
         bool fired;
     };
-    // Returns the errno to fail with, or 0. Caller holds mu_.
-    int checkFail(Op op, const std::string& key);
-    // Records `line`; true (errno set) when a rule makes this call of `op` fail. Caller holds mu_.
-    bool failing(const std::string& line, Op op, const std::string& key = "");
+    // Records `line`; true (errno set) when a rule makes this operation fail. Caller holds mu_.
+    bool failing(const std::string& line);
+    // Records `line` and hands out a descriptor, or fails (-1) by a rule.
+    int newFd(const std::string& line);
     template <typename T> T locked(const T& v) const {
         std::lock_guard<std::mutex> g(mu_);
         return v;
@@ -231,14 +204,12 @@ class FakeOs : public Os {
     int running_ = 0;              // woken by a clock step and not yet asleep again
     time_t wallBase_ = 1700000000; // wall clock starts at 2023-11-14 22:13:20 UTC
     uint32_t semKey_;
-    std::vector<int> semIds_;
     int nextFd_ = 1000;
     std::set<int> fds_; // descriptors handed out, not yet closed
     std::vector<std::string> realPrefixes_;
     std::vector<std::pair<std::string, std::function<int(const std::string&)>>> shellHandlers_;
     std::map<unsigned long, std::function<int(Ioctl&)>> ioctlHandlers_;
     std::map<std::string, std::string> proc_;
-    std::deque<uint8_t> random_;
     uint8_t randomCounter_ = 0;
     std::map<std::string, int> ifIndex_;
     std::function<void(const Packet&)> packetHook_;
@@ -248,8 +219,6 @@ class FakeOs : public Os {
 
     std::vector<std::string> transcript_;
     std::vector<IoctlRecord> ioctls_;
-    std::vector<ProcWrite> procWrites_;
-    std::vector<Packet> packets_;
     std::string stdout_;
     std::string stderr_;
 };

@@ -3,6 +3,8 @@
 
 #include "fake_os.h"
 
+#include <algorithm>
+#include <cctype>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -28,11 +30,24 @@ inline Lines eventTexts(const std::string& log) {
     return texts;
 }
 
-// Lowercase hex without separators of a hex text written by hand with blanks, to compare with
-// toHex() of what the code built.
-inline std::string hexText(const std::string& spaced) {
-    Bytes b = hexBytes(spaced);
-    return toHex(b.data(), b.size());
+// Lowercase hex without separators of hex written by hand, to compare with toHex() of what the
+// code built: blanks are left out, "ab*N" stands for the byte ab N times, and the result is
+// zero-filled to `total` bytes.
+inline std::string hexText(const std::string& spaced, size_t total = 0) {
+    std::string out;
+    for (size_t i = 0, used = 0; i < spaced.size(); ++i) {
+        if (spaced[i] == '*') {
+            const std::string byte = out.substr(out.size() - 2);
+            for (unsigned long n = std::stoul(spaced.substr(i + 1), &used); n > 1; --n) {
+                out += byte;
+            }
+            i += used;
+        } else if (spaced[i] != ' ') {
+            out += static_cast<char>(tolower(spaced[i]));
+        }
+    }
+    out.resize(std::max(out.size(), 2 * total), '0');
+    return out;
 }
 
 // Lowercase hex of a whole record.
@@ -41,12 +56,12 @@ template <typename T> std::string hexOf(const T& v) {
 }
 
 // One recorded driver request: number, interface, sub-command flags, and the payload handed in
-// (the length is the payload's).
+// as hex (hexText(); the length is the payload's).
 inline void expectRequest(const FakeOs::IoctlRecord& r, unsigned long request, const char* ifName,
-                          uint16_t flags, const Bytes& payload) {
+                          uint16_t flags, const std::string& payload) {
     EXPECT_EQ(request, r.request);
     EXPECT_EQ(ifName, r.ifName);
     EXPECT_EQ(flags, r.flags);
-    EXPECT_EQ(payload.size(), r.length);
-    EXPECT_EQ(toHex(payload.data(), payload.size()), toHex(r.payload.data(), r.payload.size()));
+    EXPECT_EQ(hexText(payload).size() / 2, r.length);
+    EXPECT_EQ(hexText(payload), toHex(r.payload.data(), r.payload.size()));
 }

@@ -44,12 +44,12 @@ TEST_F(ProfileLock, TheKernelFreesADeadHoldersLockAndInitFreesItEvenWhileHeld) {
 
 TEST_F(ProfileLock, SetupFailuresAreReported) {
     mesh_wlan_resetForTest();
-    fake().failNth(FakeOs::Op::SemGet, "", 1, ENOSPC);
+    fake().failNth("sem-get", 1, ENOSPC);
     EXPECT_EQ(1u, mesh_api_init());
     EXPECT_EQ((Lines{"semget failed: No space left on device\n", "_initDatSem failed"}), errors());
     EXPECT_STREQ("", g_bkhApIfName);
 
-    fake().failNth(FakeOs::Op::SemSetVal, "", 1, EPERM);
+    fake().failNth("sem-setval", 1, EPERM);
     EXPECT_EQ(-1, _initDatSem());
     EXPECT_EQ(Lines{"setctl setval 1 failed:Operation not permitted\n"}, errors());
     EXPECT_EQ(-1, semget(static_cast<key_t>(fake().semKey()), 0, 0)) << "the set was removed";
@@ -59,7 +59,7 @@ TEST_F(ProfileLock, SetupFailuresAreReported) {
 TEST_F(ProfileLock, SignalsAreRetriedUpToThirtyAttemptsOtherErrorsStopAtOnce) {
     auto interrupt = [this](int times) {
         for (int i = 0; i < times; ++i) {
-            fake().failNth(FakeOs::Op::SemOp, "", i + 1, EINTR);
+            fake().failNth("sem-op", i + 1, EINTR);
         }
     };
     interrupt(29);
@@ -70,11 +70,11 @@ TEST_F(ProfileLock, SignalsAreRetriedUpToThirtyAttemptsOtherErrorsStopAtOnce) {
     EXPECT_EQ(-1, _datSemLock());
     EXPECT_EQ(Lines(30, "lock interrupted by signal"), errors());
     EXPECT_EQ(1, semValue()) << "never taken";
-    fake().failNth(FakeOs::Op::SemOp, "", 1, EAGAIN);
+    fake().failNth("sem-op", 1, EAGAIN);
     EXPECT_EQ(-1, _datSemLock());
-    fake().failNth(FakeOs::Op::SemOp, "", 1, EIDRM);
+    fake().failNth("sem-op", 1, EIDRM);
     EXPECT_EQ(-1, _datSemLock());
-    fake().failNth(FakeOs::Op::SemOp, "", 1, EINVAL);
+    fake().failNth("sem-op", 1, EINVAL);
     EXPECT_EQ(-1, _datSemUnlock());
     EXPECT_EQ((Lines{"timed out, errno=11 rc=-1", "lock failed, errno=43 rc=-1",
                      "release lock failed, errno=22"}),

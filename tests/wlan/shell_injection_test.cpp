@@ -15,13 +15,6 @@ namespace {
 
 using ShellInjection = WlanTest;
 
-MESH_WLAN_CREDENTIALS credentials(const char* ssid, const char* passphrase) {
-    MESH_WLAN_CREDENTIALS c{};
-    strncpy(c.ssid, ssid, sizeof c.ssid);
-    strncpy(c.passphrase, passphrase, sizeof c.passphrase);
-    return c;
-}
-
 TEST_F(ShellInjection, HostileTextRunsNothingAndOrdinaryTextKeepsItsLine) {
     // Commands of the injected text land in the working directory: make it the test's own.
     char here[4096];
@@ -36,6 +29,14 @@ TEST_F(ShellInjection, HostileTextRunsNothingAndOrdinaryTextKeepsItsLine) {
     const auto vap = [](const char* value) {
         return _mtk_wlan_setVapCfg("AuthMode", "AuthMode", "rai3", value, MTK_DATA_STRING,
                                    MTK_APPLY_BOTH);
+    };
+    // The backhaul AP (`ap`) or the station set up with these credentials.
+    const auto join = [&basic](bool ap, const char* ssid, const char* passphrase) {
+        MESH_WLAN_CREDENTIALS c{};
+        strncpy(c.ssid, ssid, sizeof c.ssid);
+        strncpy(c.passphrase, passphrase, sizeof c.passphrase);
+        return static_cast<int>(ap ? mesh_wlan_createBkhAp(&c, 0, &basic, nullptr, 0)
+                                   : mesh_wlan_configSta(&c, 36));
     };
     const struct {
         const char* what;
@@ -78,35 +79,17 @@ TEST_F(ShellInjection, HostileTextRunsNothingAndOrdinaryTextKeepsItsLine) {
          },
          1, ""},
         {"passphrase with a backslash", prof,
-         [&] {
-             auto c = credentials("mesh_001122334455", ";touch PWNED;\\/e#");
-             return static_cast<int>(mesh_wlan_createBkhAp(&c, 0, &basic, nullptr, 0));
-         },
-         1, ""},
+         [&] { return join(true, "mesh_001122334455", ";touch PWNED;\\/e#"); }, 1, ""},
         {"passphrase with a line feed", prof,
-         [&] {
-             auto c = credentials("mesh_001122334455", "a\ntouch PWNED");
-             return static_cast<int>(mesh_wlan_createBkhAp(&c, 0, &basic, nullptr, 0));
-         },
-         1, ""},
+         [&] { return join(true, "mesh_001122334455", "a\ntouch PWNED"); }, 1, ""},
         {"backhaul ssid with a quote", prof,
-         [&] {
-             auto c = credentials("mesh_\";touch PWNED", "00112233445566778899aabbccddeeff");
-             return static_cast<int>(mesh_wlan_createBkhAp(&c, 0, &basic, nullptr, 0));
-         },
-         1, ""},
+         [&] { return join(true, "mesh_\";touch PWNED", "00112233445566778899aabbccddeeff"); }, 1,
+         ""},
         {"station passphrase with a semicolon", prof,
-         [] {
-             auto c = credentials("mesh_001122334455", "x;touch PWNED");
-             return static_cast<int>(mesh_wlan_configSta(&c, 36));
-         },
-         1, ""},
+         [&] { return join(false, "mesh_001122334455", "x;touch PWNED"); }, 1, ""},
         {"station ssid with a line feed", prof,
-         [] {
-             auto c = credentials("mesh_\ntouch PWNED", "00112233445566778899aabbccddeeff");
-             return static_cast<int>(mesh_wlan_configSta(&c, 36));
-         },
-         1, ""},
+         [&] { return join(false, "mesh_\ntouch PWNED", "00112233445566778899aabbccddeeff"); }, 1,
+         ""},
     };
     for (const auto& c : cases) {
         fake().writeFile(MTK_DAT_PATH, c.before);

@@ -1,10 +1,17 @@
-// Shared fixture of the driver-adapter tests: the fake system with real sed, the adapter
-// started as the daemon starts it, a realistic driver profile on disk, and the event log.
+// Shared fixture of the driver-adapter tests and the daemon modules above it: the fake system
+// with real sed, the adapter started as the daemon starts it, a realistic driver profile on
+// disk, the event log open, and the configuration, child table, candidates, parent
+// information and netlink callbacks fresh.
 #pragma once
 
+#include "core/mesh_config.h"
+#include "core/mesh_handle_child.h"
 #include "core/mesh_log.h"
 #include "fake_os.h"
 #include "platform/byteorder.h"
+#include "security/mesh_child.h"
+#include "security/mesh_netlink.h"
+#include "security/mesh_parent.h"
 #include "test_util.h"
 #include "wlan/mesh_wlan.h"
 #include "wlan/mesh_wlan_dat.h"
@@ -25,18 +32,6 @@ inline std::string realisticProfile() {
            "AutoChannelSelect=3\nChannel=36\r\n\nAuthMode=WPA2PSK;WPA2PSK;OPEN;OPEN\n"
            "EncrypType=AES;AES;NONE;NONE\r\nRekeyMethod=TIME;TIME;DISABLE;DISABLE\n"
            "HideSSID=0;0;0;0\nWPAPSK=\nWPAPSK1=12345678\nWPAPSK2=\nWPAPSK3=\nWPAPSK4=\n";
-}
-
-// `n` zero bytes, and `n` times the bytes `hex`, as hex text.
-inline std::string zeros(size_t n) {
-    return std::string(2 * n, '0');
-}
-inline std::string rep(const std::string& hex, size_t n) {
-    std::string out;
-    while (n-- > 0) {
-        out += hex;
-    }
-    return out;
 }
 
 // A survey entry: bssid 02:11:22:33:44:<last> (all zero for last 0), the u32 at 40, rssi, and
@@ -78,27 +73,34 @@ inline void scriptSurvey(FakeOs& f, int busy, Bytes t, uint16_t len = 0) {
 class WlanTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        mesh_wlan_resetForTest();
+        seenEvents_ = 0;
+        resetModules();
         fake().runForReal("sed ");
         ASSERT_EQ(mesh_api_init(), 0u);
         fake().writeFile(MTK_DAT_PATH, realisticProfile());
+        ASSERT_EQ(0, mesh_log_open());
         fake().clearRecords();
     }
     void TearDown() override {
-        if (g_meshLog != nullptr) {
-            fclose(g_meshLog);
-            g_meshLog = nullptr;
-        }
+        fclose(g_meshLog);
+        g_meshLog = nullptr;
+        resetModules();
+    }
+    static void resetModules() {
         mesh_wlan_resetForTest();
+        mesh_config_reset();
+        mesh_child_resetForTest();
+        mesh_handle_clearCandidateChild();
+        mesh_parentHandler_resetModule();
+        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_CHILD_PROBE);
+        mesh_netlink_unregisterCallback(MESH_NETLINK_EVENT_PARENT_INFO);
     }
 
     FakeOs& fake() { return scope_.fake; }
     std::string profile() { return fake().readFile(MTK_DAT_PATH); }
     std::string datPath() { return fake().rooted(MTK_DAT_PATH); }
     Lines errors() { return errorTexts(fake().takeStdout()); }
-    // The event-log texts written since the last call (the log is opened by openLog()), without
-    // their stamps.
-    void openLog() { ASSERT_EQ(0, mesh_log_open()); }
+    // The event-log texts written since the last call, without their stamps.
     Lines events() {
         Lines out = eventTexts(fake().readFile(MESH_LOG_PATH));
         out.erase(out.begin(),
