@@ -624,8 +624,9 @@ class World {
         uint32_t h[4] = {UNIX_SOCK_MAGIC, MESH_CMD_MSG_CODE, MESH_CMD_MSG_LEN, 0};
         memcpy(msg, h, sizeof h);
         memcpy(msg + UNIX_SOCK_HEADER_SIZE, &type, 4);
-        memcpy(msg + UNIX_SOCK_HEADER_SIZE + 8, payload.data(),
-               std::min(payload.size(), static_cast<size_t>(MESH_CMD_PAYLOAD_LEN)));
+        std::copy_n(payload.begin(),
+                    std::min(payload.size(), static_cast<size_t>(MESH_CMD_PAYLOAD_LEN)),
+                    msg + UNIX_SOCK_HEADER_SIZE + 8);
         if (send(fd, msg, sizeof msg, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof msg)) {
             close(fd);
             return std::string("send: ") + strerror(errno);
