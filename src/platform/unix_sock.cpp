@@ -301,8 +301,8 @@ Pending* freeSlot() {
     return nullptr;
 }
 
-// Puts an accepted connection into `slot` and, when `read`, reads what it sent already.
-void adopt(Pending& slot, int fd, int listenFd, bool read) {
+// Puts an accepted connection into `slot` and reads what it sent already.
+void adopt(Pending& slot, int fd, int listenFd) {
     const int64_t now = nowMs();
     slot = Pending{};
     slot.fd = fd;
@@ -310,9 +310,7 @@ void adopt(Pending& slot, int fd, int listenFd, bool read) {
     slot.stage = Stage::Reading;
     slot.deadline = now + UNIX_SOCK_RECV_TIMEOUT_MS;
     slot.need = UNIX_SOCK_HEADER_SIZE;
-    if (read) {
-        readSome(slot, now);
-    }
+    readSome(slot, now);
 }
 
 // Takes one connection from the backlog into a free slot and reads what it sent already.
@@ -329,16 +327,16 @@ int acceptOne(int listenFd) {
     if (fd < 0) {
         return (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) ? 1 : -1;
     }
-    adopt(*slot, fd, listenFd, true);
+    adopt(*slot, fd, listenFd);
     return 0;
 }
 
 // An idle server (nothing being read, nothing finished, a slot free, nothing else to watch)
 // waits in accept itself, as a plain server would, rather than in poll followed by accept:
 // one system call less for every request that arrives at an idle server. The wait is bounded
-// by the socket's receive time-out, set only when it changes. The request is read by the
-// caller's next round, which watches the server too, so a staller delays nobody here either. 0 when
-// nothing came in time, -1 with errno when accept fails.
+// by the socket's receive time-out, set only when it changes. What the request still lacks
+// is read in the caller's rounds, which watch the server too: a staller delays nobody.
+// 0 (accepted, or nothing came in time), -1 with errno when accept fails.
 int acceptIdle(int listenFd, int timeoutSec) {
     int& setSec = l_serverWaitSec[serverIndex(listenFd)];
     if (setSec != timeoutSec) {
@@ -352,7 +350,7 @@ int acceptIdle(int listenFd, int timeoutSec) {
     if (fd < 0) {
         return (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) ? 0 : -1;
     }
-    adopt(*freeSlot(), fd, listenFd, false);
+    adopt(*freeSlot(), fd, listenFd);
     return 0;
 }
 
